@@ -1,0 +1,64 @@
+// Which resource or transfer fails in a run. One plan serves the tests, the fuzzers and `uvcam --fault`.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace host {
+
+// What can fail by its ordinal number. Each site counts from 1, beginning when the plan is armed.
+enum class FaultSite { PoolAllocation, Irp, Mdl, WorkItem, Thread, UsbTransfer };
+inline constexpr int kFaultSiteCount = 6;
+
+// What happens to the chosen USB transfer (control or bulk).
+enum class TransferFault {
+    Stall,  // the endpoint stalls
+    Hang,   // never completes until it is cancelled or aborted
+    Short,  // half of the data arrives
+    Babble, // the device sends more than was asked for
+    Gone,   // the device disappears at this transfer
+    Delay,  // completes, but 2 seconds late
+};
+
+class FaultPlan {
+  public:
+    FaultPlan() = default;
+    FaultPlan(const FaultPlan &other);
+    FaultPlan &operator=(const FaultPlan &other);
+
+    // "pool:3" fails the third pool allocation, "pool:3+" the third and every later one; likewise irp, mdl, workitem,
+    // thread. "usb:7=stall" (hang, short, babble, gone, delay) hits the seventh USB transfer, "usb:7+=stall" all from
+    // the seventh on. Several are joined by commas. On a bad text: nullopt and a one-line reason.
+    static std::optional<FaultPlan> Parse(std::string_view text, std::string &reason);
+
+    FaultPlan &FailNth(FaultSite site, std::uint64_t nth, bool andAllLater = false);
+    FaultPlan &FailTransfer(std::uint64_t nth, TransferFault fault, bool andAllLater = false);
+
+    // Asked by the runtime at each site: counts the visit and says whether it fails. Any thread.
+    bool Fails(FaultSite site);
+    std::optional<TransferFault> NextTransfer();
+
+    // How many visits a site has seen since the plan was armed, and how many faults were dealt out. A sweep ends when
+    // a run deals out none.
+    std::uint64_t Visits(FaultSite site) const;
+    std::uint64_t FaultsDealt() const;
+
+  private:
+    struct Rule {
+        std::uint64_t nth = 0; // 0: no fault
+        bool andAllLater = false;
+        TransferFault fault = TransferFault::Stall;
+    };
+    bool Visit(FaultSite site);
+
+    mutable std::mutex mutex_;
+    std::array<Rule, kFaultSiteCount> rules_{};
+    std::array<std::uint64_t, kFaultSiteCount> visits_{};
+    std::uint64_t dealt_ = 0;
+};
+
+} // namespace host
