@@ -1,4 +1,5 @@
-// The counted-string routines of the WDK's safe-string library, which the mingw-w64 headers lack, under their own names.
+// The counted-string routines of the WDK's safe-string library, which the mingw-w64 headers lack, under their own
+// names.
 //
 // A destination or source that is not a valid counted string (odd Length or MaximumLength, Length above MaximumLength,
 // no buffer behind a non-zero size) gives STATUS_INVALID_PARAMETER. A text that does not fit is cut at the end of the

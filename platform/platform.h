@@ -72,6 +72,10 @@ extern "C" {
 extern "C" UVC_PLATFORM_IMPORT BOOLEAN NTAPI RtlIsNtDdiVersionAvailable(ULONG Version);
 #undef UVC_PLATFORM_IMPORT
 
+#if defined(__linux__)
+#include "platform/linux/mends.h"
+#endif
+
 // Macros that collide with names of the language's own library.
 #undef min
 #undef max

@@ -11,7 +11,9 @@
 struct PlaceInPool {
     void *block;
 };
-inline void *operator new(std::size_t, PlaceInPool place) noexcept { return place.block; }
+inline void *operator new(std::size_t, PlaceInPool place) noexcept {
+    return place.block;
+}
 inline void operator delete(void *, PlaceInPool) noexcept {}
 
 // A zero-filled block, or null when the pool is exhausted. IRQL: <= DISPATCH_LEVEL for non-paged pool, else APC_LEVEL.

@@ -1,0 +1,239 @@
+#include "driver/capture_pin.h"
+
+#include "camera/uvc_camera.h"
+#include "driver/uvc_device.h"
+#include "platform/lock.h"
+#include "platform/pool.h"
+#include "platform/shared_field.h"
+
+namespace uvc {
+
+namespace {
+
+constexpr ULONG kFramesPerPin = 3;
+
+void FreeCapturePin(void *context) {
+    ExFreePool(context);
+}
+
+// Gives the pin a descriptor and an allocator framing of its own, sized to its format.
+NTSTATUS EditFraming(KSPIN *pin, ULONG imageSize) {
+    NTSTATUS status = _KsEdit(pin->Bag, reinterpret_cast<PVOID *>(const_cast<KSPIN_DESCRIPTOR_EX **>(&pin->Descriptor)),
+                              sizeof(KSPIN_DESCRIPTOR_EX), sizeof(KSPIN_DESCRIPTOR_EX), pool_tag::PinFormat);
+    if (!NT_SUCCESS(status))
+        return status;
+    auto *descriptor = const_cast<KSPIN_DESCRIPTOR_EX *>(pin->Descriptor);
+    status = _KsEdit(pin->Bag,
+                     reinterpret_cast<PVOID *>(const_cast<KSALLOCATOR_FRAMING_EX **>(&descriptor->AllocatorFraming)),
+                     sizeof(KSALLOCATOR_FRAMING_EX), sizeof(KSALLOCATOR_FRAMING_EX), pool_tag::PinFormat);
+    if (!NT_SUCCESS(status))
+        return status;
+    KS_FRAMING_ITEM &item = const_cast<KSALLOCATOR_FRAMING_EX *>(descriptor->AllocatorFraming)->FramingItem[0];
+    const KS_FRAMING_RANGE exactly{.MinFrameSize = imageSize, .MaxFrameSize = imageSize, .Stepping = 0};
+    item.Frames = kFramesPerPin;
+    item.PhysicalRange = exactly;
+    item.FramingRange.Range = exactly;
+    return status;
+}
+
+} // namespace
+
+CapturePin::CapturePin(KSPIN *ksPin)
+    : pin(ksPin), device(UvcDevice::From(KsPinGetDevice(ksPin))), runState(RunState::Idle), clock(nullptr),
+      format(nullptr), attemptProcessing(FALSE), acquired(FALSE), droppedFrames(0), frames(0) {}
+
+NTSTATUS CreateCapturePin(PKSPIN pin, PIRP) {
+    void *block = PoolAllocateZeroed(NonPagedPool, sizeof(CapturePin), pool_tag::Context);
+    if (block == nullptr)
+        return STATUS_INSUFFICIENT_RESOURCES;
+    auto *context = new (PlaceInPool{block}) CapturePin(pin);
+    NTSTATUS status = KsAddItemToObjectBag(pin->Bag, context, FreeCapturePin);
+    if (!NT_SUCCESS(status)) {
+        FreeCapturePin(context);
+        return status;
+    }
+    pin->Context = context;
+
+    const KS_VIDEOINFOHEADER *format = context->SetPinFormat();
+    if (format == nullptr)
+        return STATUS_INSUFFICIENT_RESOURCES;
+    return EditFraming(pin, format->bmiHeader.biSizeImage);
+}
+
+// Frames move only through AcquireFrame and CompleteFrame.
+NTSTATUS ProcessCapturePin(PKSPIN) {
+    return STATUS_PENDING;
+}
+
+NTSTATUS SetCapturePinState(PKSPIN pin, KSSTATE to, KSSTATE from) {
+    return CapturePin::From(pin)->SetState(to, from);
+}
+
+struct CapturePin::TransitionTable {
+    static constexpr Transition rows[4][4] = {
+        // from STOP             ACQUIRE               PAUSE                RUN                     to
+        {&CapturePin::Release, &CapturePin::Release, &CapturePin::Release, &CapturePin::Release}, // STOP
+        {&CapturePin::Claim, &CapturePin::Stay, &CapturePin::Stop, &CapturePin::Stay},            // ACQUIRE
+        {&CapturePin::Stay, &CapturePin::Stay, &CapturePin::Stay, &CapturePin::Pause},            // PAUSE
+        {&CapturePin::Stay, &CapturePin::Stay, &CapturePin::Run, &CapturePin::Stay},              // RUN
+    };
+    static_assert(KSSTATE_STOP == 0 && KSSTATE_ACQUIRE == 1 && KSSTATE_PAUSE == 2 && KSSTATE_RUN == 3);
+};
+
+NTSTATUS CapturePin::SetState(KSSTATE to, KSSTATE from) {
+    if (to < KSSTATE_STOP || to > KSSTATE_RUN || from < KSSTATE_STOP || from > KSSTATE_RUN)
+        return STATUS_INVALID_PARAMETER;
+    return (this->*TransitionTable::rows[to][from])();
+}
+
+NTSTATUS CapturePin::Stay() {
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS CapturePin::Claim() {
+    if (InterlockedCompareExchange(&device->pinClaim, 1, 0) != 0) {
+        acquired = FALSE;
+        return STATUS_SHARING_VIOLATION;
+    }
+    device->pin = this;
+    device->format = format;
+    SharedStore(droppedFrames, 0ull);
+    SharedStore(frames, 0ull);
+    acquired = TRUE;
+    if (!NT_SUCCESS(KsPinGetReferenceClockInterface(pin, &clock)))
+        clock = nullptr;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS CapturePin::Stop() {
+    if (runState != RunState::Idle) {
+        static_cast<void>(StreamStop(*device->camera)); // cannot fail
+        runState = RunState::Idle;
+    }
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS CapturePin::Release() {
+    static_cast<void>(Stop());
+    if (acquired) {
+        if (clock != nullptr)
+            clock->Release();
+        clock = nullptr;
+        device->format = nullptr;
+        device->pin = nullptr;
+        InterlockedExchange(&device->pinClaim, 0);
+        acquired = FALSE;
+    }
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS CapturePin::Pause() {
+    NTSTATUS status = StreamPause(*device->camera, true);
+    if (NT_SUCCESS(status))
+        runState = RunState::Paused;
+    return status;
+}
+
+NTSTATUS CapturePin::Run() {
+    NTSTATUS status = runState == RunState::Paused ? StreamPause(*device->camera, false)
+                                                   : StreamStart(*device->camera, *device->format);
+    if (NT_SUCCESS(status))
+        runState = RunState::Running;
+    return status;
+}
+
+KSSTREAM_POINTER *CapturePin::AcquireFrame() {
+    KSSTREAM_POINTER *edge = KsPinGetLeadingEdgeStreamPointer(pin, KSSTREAM_POINTER_STATE_LOCKED);
+    if (edge == nullptr)
+        return nullptr;
+
+    bool found = true;
+    while (found && (edge->StreamHeader == nullptr || edge->StreamHeader->Data == nullptr))
+        found = NT_SUCCESS(KsStreamPointerAdvance(edge));
+
+    KSSTREAM_POINTER *clone = nullptr;
+    if (found) {
+        if (!NT_SUCCESS(KsStreamPointerClone(edge, nullptr, 0, &clone)))
+            clone = nullptr;
+        if (clone != nullptr)
+            static_cast<void>(KsStreamPointerAdvance(edge)); // an empty queue behind this frame is no failure
+    }
+    KsStreamPointerUnlock(edge, FALSE);
+    return clone;
+}
+
+void CapturePin::CompleteFrame(KSSTREAM_POINTER *frame, NTSTATUS status) {
+    // First of all, so that a dropped interval advances the picture number too.
+    SharedAdd(frames, 1ull);
+    if (frame == nullptr) {
+        SharedAdd(droppedFrames, 1ull);
+    } else {
+        if (NT_SUCCESS(status))
+            Stamp(frame);
+        else
+            static_cast<void>(KsStreamPointerSetStatusCode(frame, status));
+        KsStreamPointerDelete(frame);
+    }
+    if (attemptProcessing) {
+        attemptProcessing = TRUE;
+        KsPinAttemptProcessing(pin, TRUE);
+    }
+}
+
+// The time is that of completion, not of exposure or of the USB transfer.
+void CapturePin::Stamp(KSSTREAM_POINTER *frame) {
+    KSSTREAM_HEADER *header = frame->StreamHeader;
+    if (header->Size >= sizeof(KSSTREAM_HEADER) + sizeof(KS_FRAME_INFO)) {
+        auto *info = reinterpret_cast<KS_FRAME_INFO *>(header + 1);
+        info->dwFrameFlags = 0;
+        info->PictureNumber = static_cast<LONGLONG>(frames);
+        info->DropCount = static_cast<LONGLONG>(droppedFrames);
+    }
+    header->DataUsed = frame->OffsetOut.Count;
+    header->Duration = ReadPublished(format)->AvgTimePerFrame;
+    header->OptionsFlags |= KSSTREAM_HEADER_OPTIONSF_DURATIONVALID;
+    header->PresentationTime.Numerator = 1;
+    header->PresentationTime.Denominator = 1;
+    header->PresentationTime.Time = 0;
+    if (clock != nullptr) {
+        LONGLONG systemTime = 0;
+        header->PresentationTime.Time = clock->GetCorrelatedTime(&systemTime);
+        header->OptionsFlags |= KSSTREAM_HEADER_OPTIONSF_TIMEVALID;
+    }
+}
+
+NTSTATUS GetPinProperty(PIRP irp, PKSIDENTIFIER property, PVOID data) {
+    KSPIN *pin = KsGetPinFromIrp(irp);
+    if (pin == nullptr)
+        return STATUS_INVALID_PARAMETER;
+    KsControlGuard guard(pin);
+    const IO_STACK_LOCATION *stack = IoGetCurrentIrpStackLocation(irp);
+    PropertyRequest request{.irp = irp,
+                            .property = property,
+                            .data = data,
+                            .inputLength = stack->Parameters.DeviceIoControl.InputBufferLength,
+                            .outputLength = stack->Parameters.DeviceIoControl.OutputBufferLength};
+    NTSTATUS status = CapturePin::From(pin)->HandlePinProperty(request, STATUS_NOT_IMPLEMENTED);
+    irp->IoStatus.Information = request.information;
+    return status;
+}
+
+NTSTATUS CapturePin::HandlePinProperty(PropertyRequest &request, NTSTATUS defaultStatus) {
+    if (!IsEqualGUIDAligned(request.property->Set, PROPSETID_VIDCAP_DROPPEDFRAMES) ||
+        request.property->Id != KSPROPERTY_DROPPEDFRAMES_CURRENT)
+        return defaultStatus;
+    if (IsSupportQuery(request))
+        return AnswerSupport(request, KSPROPERTY_TYPE_GET);
+    if ((request.property->Flags & KSPROPERTY_TYPE_GET) == 0 ||
+        request.outputLength < sizeof(KSPROPERTY_DROPPEDFRAMES_CURRENT_S))
+        return defaultStatus;
+
+    auto *answer = static_cast<KSPROPERTY_DROPPEDFRAMES_CURRENT_S *>(request.data);
+    answer->PictureNumber = static_cast<LONGLONG>(SharedLoad(frames));
+    answer->DropCount = static_cast<LONGLONG>(SharedLoad(droppedFrames));
+    answer->AverageFrameSize = acquired && format != nullptr ? format->bmiHeader.biSizeImage : 0;
+    request.information = sizeof(*answer);
+    return STATUS_SUCCESS;
+}
+
+} // namespace uvc

@@ -1,0 +1,90 @@
+#include "driver/property_router.h"
+
+#include "driver/capture_pin.h"
+#include "driver/property_sets.h"
+#include "driver/uvc_device.h"
+#include "platform/guarded_call.h"
+
+namespace uvc {
+
+namespace {
+
+constexpr ULONG kTransferTypeMask = 3; // of a control code
+
+// The connected pin answers for the filter; without one there is nobody who counts.
+NTSTATUS HandleDroppedFrames(UvcDevice &device, PropertyRequest &request) {
+    return device.pin != nullptr ? device.pin->HandlePinProperty(request, STATUS_NOT_IMPLEMENTED)
+                                 : STATUS_NOT_IMPLEMENTED;
+}
+
+struct Route {
+    const GUID *set;
+    NTSTATUS (*handler)(UvcDevice &, PropertyRequest &);
+};
+
+const Route kRoutes[] = {
+    {.set = &kDriverParameterSet, .handler = HandleDriverParameter},
+    {.set = &PROPSETID_VIDCAP_DROPPEDFRAMES, .handler = HandleDroppedFrames},
+};
+
+struct Probe {
+    void *buffer;
+    ULONG length;
+};
+
+void ProbeCaller(void *context) {
+    auto *probe = static_cast<Probe *>(context);
+    ProbeForRead(probe->buffer, probe->length, 1);
+}
+
+struct Routing {
+    UvcDevice *device;
+    PropertyRequest request;
+    NTSTATUS status;
+};
+
+void RouteGuarded(void *context) {
+    auto *routing = static_cast<Routing *>(context);
+    routing->status = RouteProperty(*routing->device, routing->request);
+}
+
+} // namespace
+
+NTSTATUS HandleFilterProperty(PIRP irp, PKSIDENTIFIER property, PVOID data) {
+    KSFILTER *filter = KsGetFilterFromIrp(irp);
+    KSDEVICE *ksDevice = filter != nullptr ? KsFilterGetDevice(filter) : nullptr;
+    UvcDevice *device = ksDevice != nullptr ? UvcDevice::From(ksDevice) : nullptr;
+    if (device == nullptr)
+        return STATUS_INVALID_PARAMETER;
+
+    const auto &control = IoGetCurrentIrpStackLocation(irp)->Parameters.DeviceIoControl;
+    void *instance = irp->AssociatedIrp.SystemBuffer;
+    if ((control.IoControlCode & kTransferTypeMask) == METHOD_NEITHER) {
+        Probe probe{.buffer = control.Type3InputBuffer, .length = control.InputBufferLength};
+        if (!NT_SUCCESS(GuardedCall(ProbeCaller, &probe)))
+            return STATUS_INVALID_PARAMETER;
+        instance = static_cast<KSPROPERTY *>(control.Type3InputBuffer) + 1;
+    }
+
+    Routing routing{.device = device,
+                    .request = {.irp = irp,
+                                .property = property,
+                                .instance = instance,
+                                .data = data,
+                                .inputLength = control.InputBufferLength,
+                                .outputLength = control.OutputBufferLength}};
+    if (!NT_SUCCESS(GuardedCall(RouteGuarded, &routing)))
+        return STATUS_ACCESS_VIOLATION;
+    irp->IoStatus.Information = routing.request.information;
+    return routing.status;
+}
+
+NTSTATUS RouteProperty(UvcDevice &device, PropertyRequest &request) {
+    for (const Route &route : kRoutes) {
+        if (IsEqualGUIDAligned(request.property->Set, *route.set))
+            return route.handler(device, request);
+    }
+    return STATUS_NOT_IMPLEMENTED;
+}
+
+} // namespace uvc

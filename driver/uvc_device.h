@@ -1,0 +1,56 @@
+// The per-device context: one for every camera that the plug-and-play manager hands to the driver.
+//
+//   created  -> Add made the context; no camera, no filter factory
+//   started  -> camera built, per-device descriptors built, filter factory "GLOBAL" registered
+//   stopped  -> the class driver dropped the factory; everything else stays, a restart builds a further camera
+//   removed  -> the class driver emptied the device's object bag, which destroys the context
+#pragma once
+
+#include "driver/allocation_list.h"
+#include "platform/pool.h"
+#include "usb/frame_sink.h"
+
+namespace uvc {
+
+class CapturePin;
+class UvcCamera;
+
+class UvcDevice final : public FrameSink {
+  public:
+    // KSDEVICE_DISPATCH::Add: makes the context and ties it to the device. STATUS_INSUFFICIENT_RESOURCES, or the status
+    // of the object bag. IRQL: PASSIVE_LEVEL. Lock: takes the device mutex.
+    static NTSTATUS Add(KSDEVICE *device);
+
+    static UvcDevice *From(KSDEVICE *device) { return static_cast<UvcDevice *>(device->Context); }
+
+    // The start sequence; nothing to do on a device that is started already. IRQL: PASSIVE_LEVEL. Lock: takes the
+    // device mutex for the filter factory.
+    NTSTATUS Start();
+
+    // FrameSink: both go to the connected pin, unconditionally. The transport calls them only while a pin holds the
+    // claim; the pin stops the stream before it drops the claim.
+    void CompleteFrame(KSSTREAM_POINTER *frame, NTSTATUS status) override;
+    KSSTREAM_POINTER *AcquireFrame() override;
+
+    KSDEVICE *device;
+    LONG pinClaim; // 1 while a pin owns the camera; interlocked operations only
+    CapturePin *pin;
+    KS_VIDEOINFOHEADER *format; // the connected pin's format copy
+    UvcCamera *camera;          // null until the first successful start
+    AllocationList allocations;
+
+  private:
+    explicit UvcDevice(KSDEVICE *ksDevice) : device(ksDevice) {}
+
+    static void Free(void *context);
+    NTSTATUS IdentifyCamera();
+    void StoreNames(const USB_DEVICE_DESCRIPTOR &descriptor);
+    void ReplaceCamera(UvcCamera *replacement);
+    void DestroyCamera();
+
+    // Cameras of earlier starts. A start replaces the camera without destroying it, since the memory of a start is
+    // reclaimed only when the device goes.
+    GrowableArray<UvcCamera *> earlierCameras_;
+};
+
+} // namespace uvc
