@@ -8,7 +8,8 @@ endforeach()
 find_package(Python3 REQUIRED COMPONENTS Interpreter)
 
 # The freestanding headers of the C++ library and the compiler, then the platform's; no other is seen.
-set(UVC_LIBSTDCXX /usr/lib/gcc/x86_64-w64-mingw32/12-win32/include/c++ CACHE PATH "The C++ headers of the mingw-w64 compiler")
+set(UVC_LIBSTDCXX /usr/lib/gcc/x86_64-w64-mingw32/12-win32/include/c++
+  CACHE PATH "The C++ headers of the mingw-w64 compiler")
 execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-resource-dir
   OUTPUT_VARIABLE clang_resources OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
 set(system_includes "")

@@ -34,7 +34,10 @@ HEADER = {
 
 # Header field: (flags that must be set, flags that must be clear).
 FLAGS = {
-    "file characteristics": ({"EXECUTABLE_IMAGE": 0x2, "LARGE_ADDRESS_AWARE": 0x20}, {"RELOCS_STRIPPED": 0x1, "DLL": 0x2000}),
+    "file characteristics": (
+        {"EXECUTABLE_IMAGE": 0x2, "LARGE_ADDRESS_AWARE": 0x20},
+        {"RELOCS_STRIPPED": 0x1, "DLL": 0x2000},
+    ),
     "DLL characteristics": (
         {"DYNAMIC_BASE": 0x40, "NX_COMPAT": 0x100, "WDM_DRIVER": 0x2000},
         {"NO_SEH": 0x400, "TERMINAL_SERVER_AWARE": 0x8000},
@@ -206,7 +209,8 @@ def damages(good):
     first = next(item for item in good.imports() if item.name[0].isupper() and len(item.name) >= 6)
     yield {"imports"}, "an import outside the list", lambda image: write(image, first.name_at, b"Unlist\0")
     yield {"imports"}, "another module", lambda image: write(image, first.module_at, b"a")
-    yield {"imports"}, "an import by ordinal", lambda image: write(image, first.thunk_at, struct.pack("<Q", 1 << 63 | 5))
+    yield {"imports"}, "an import by ordinal", \
+        lambda image: write(image, first.thunk_at, struct.pack("<Q", 1 << 63 | 5))
     yield {"imports"}, "a delay import table", lambda image: image.set_directory("delay import", first.name_at, 32)
     yield {"imports"}, "a bound import table", lambda image: image.set_directory("bound import", first.name_at, 32)
     for name in (b"strlen\0", b"malloc\0", b"_purec\0"):
@@ -228,7 +232,8 @@ def damages(good):
     yield {"unwind"}, "no exception directory", lambda image: image.set_directory("exception", 0, 0)
     yield {"unwind"}, "no .pdata section", lambda image: write(image, sections[".pdata"].header, b".other\0")
     yield {"unwind"}, "an unwind entry outside the code", \
-        lambda image: write(image, image.offset_of(pdata + size - 12), struct.pack("<II", resources.rva, resources.rva + 9))
+        lambda image: write(image, good.offset_of(pdata + size - 12),
+                            struct.pack("<II", resources.rva, resources.rva + 9))
     yield {"unwind"}, "unwind information for the entry point only", keep_unwind_of_entry
 
     yield {"entry"}, "no entry point", field("entry", 0)

@@ -3,8 +3,9 @@
 #
 #   package/sign.sh PACKAGE-FOLDER [KEY-FOLDER]
 #
-# KEY-FOLDER (default: PACKAGE-FOLDER/../signing) keeps key and certificate for the next time; both are made when missing.
-# uvc_drv.cer, the certificate to install on the test computer, goes beside the driver. Needs openssl and osslsigncode.
+# KEY-FOLDER (default: PACKAGE-FOLDER/../signing) keeps key and certificate for the next time; they are made when
+# missing. uvc_drv.cer, the certificate to install on the test computer, goes beside the driver. Needs openssl and
+# osslsigncode.
 set -euo pipefail
 
 package=${1:?usage: package/sign.sh PACKAGE-FOLDER [KEY-FOLDER]}
@@ -20,7 +21,8 @@ if [[ ! -f $keys/key.pem || ! -f $keys/certificate.pem ]]; then
 fi
 
 rm -f "$driver.signed"
-osslsigncode sign -certs "$keys/certificate.pem" -key "$keys/key.pem" -h sha256 -n "uvc_drv" -in "$driver" -out "$driver.signed"
+osslsigncode sign -certs "$keys/certificate.pem" -key "$keys/key.pem" -h sha256 \
+    -in "$driver" -out "$driver.signed"
 osslsigncode verify -CAfile "$keys/certificate.pem" -in "$driver.signed" >/dev/null
 mv "$driver.signed" "$driver"
 openssl x509 -in "$keys/certificate.pem" -outform DER -out "$package/uvc_drv.cer"
