@@ -76,9 +76,10 @@ extern "C" UVC_PLATFORM_IMPORT BOOLEAN NTAPI RtlIsNtDdiVersionAvailable(ULONG Ve
 #include "platform/linux/mends.h"
 #endif
 
-// Macros that collide with names of the language's own library.
+// Macros that collide with names of the language's own library and with a word that USB code needs.
 #undef min
 #undef max
+#undef interface
 
 #if defined(UVC_PLATFORM_UNDEF_CYGWIN)
 #undef __CYGWIN__
