@@ -1,0 +1,292 @@
+#include "host/cameras/sensor.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <numbers>
+
+namespace host::cameras {
+namespace {
+
+enum Channel : std::size_t { kRed, kGreen, kBlue };
+
+// Reflectance to raw level, by channel.
+using Response = std::array<std::array<std::uint8_t, 256>, 3>;
+
+constexpr std::size_t kNoiseSamples = 1 << 16;
+
+std::uint64_t Scramble(std::uint64_t value) { // splitmix64
+    value += 0x9E3779B97F4A7C15;
+    value = (value ^ (value >> 30)) * 0xBF58476D1CE4E5B9;
+    value = (value ^ (value >> 27)) * 0x94D049BB133111EB;
+    return value ^ (value >> 31);
+}
+
+double Uniform(std::uint64_t value) {
+    return static_cast<double>((Scramble(value) >> 11) + 1) / 9007199254740993.0;
+}
+
+Response MakeResponse(const SensorSettings &settings, const Surroundings &surroundings) {
+    // A warm light has more red and less blue; green is taken as constant.
+    const double warmth = std::pow(5500 / surroundings.kelvin, 0.8);
+    const double signal = settings.exposure * settings.gain * surroundings.light;
+    const std::array<double, 3> factors{signal * warmth, signal, signal / warmth};
+    Response response;
+    for (std::size_t channel = 0; channel < 3; ++channel)
+        for (std::size_t level = 0; level < 256; ++level)
+            response[channel][level] =
+                static_cast<std::uint8_t>(std::clamp(static_cast<double>(level) * factors[channel] + 0.5, 0.0, 255.0));
+    return response;
+}
+
+// Mean of the 2 x `radius` + 1 samples around each; `radius` need not be whole. The ends are repeated.
+void BlurLine(const std::uint8_t *from, std::uint8_t *to, std::size_t count, std::size_t step, double radius,
+              std::vector<double> &sums) {
+    const auto whole = static_cast<std::ptrdiff_t>(radius);
+    const double part = radius - static_cast<double>(whole);
+    const auto at = [&](std::ptrdiff_t i) {
+        return static_cast<double>(
+            from[static_cast<std::size_t>(std::clamp<std::ptrdiff_t>(i, 0, static_cast<std::ptrdiff_t>(count) - 1)) *
+                 step]);
+    };
+    const auto length = static_cast<std::ptrdiff_t>(count);
+    sums.assign(count + 2 * static_cast<std::size_t>(whole) + 1, 0);
+    for (std::ptrdiff_t i = -whole; i < length + whole; ++i)
+        sums[static_cast<std::size_t>(i + whole) + 1] = sums[static_cast<std::size_t>(i + whole)] + at(i);
+    for (std::ptrdiff_t i = 0; i < length; ++i) {
+        const double inner = sums[static_cast<std::size_t>(i + 2 * whole) + 1] - sums[static_cast<std::size_t>(i)];
+        const double outer = at(i - whole - 1) + at(i + whole + 1);
+        to[static_cast<std::size_t>(i) * step] =
+            static_cast<std::uint8_t>((inner + part * outer) / (2 * radius + 1) + 0.5);
+    }
+}
+
+// Twice a box in each direction: the blur of a lens that is out of focus, without the box's false resolution.
+void Blur(Picture &picture, double radius) {
+    static_assert(sizeof(Rgb) == 3);
+    std::vector<double> sums;
+    std::vector<std::uint8_t> line(std::size_t{std::max(picture.width, picture.height)} * 3);
+    auto *bytes = reinterpret_cast<std::uint8_t *>(picture.pixels.data());
+    const std::size_t pitch = std::size_t{picture.width} * 3;
+    const auto twice = [&](std::uint8_t *first, std::size_t count, std::size_t step) {
+        std::vector<std::uint8_t> &middle = line;
+        for (std::size_t i = 0; i < count; ++i)
+            middle[i] = first[i * step];
+        std::vector<std::uint8_t> once(count);
+        BlurLine(middle.data(), once.data(), count, 1, radius, sums);
+        BlurLine(once.data(), middle.data(), count, 1, radius, sums);
+        for (std::size_t i = 0; i < count; ++i)
+            first[i * step] = middle[i];
+    };
+    for (std::size_t y = 0; y < picture.height; ++y)
+        for (std::size_t channel = 0; channel < 3; ++channel)
+            twice(bytes + y * pitch + channel, picture.width, 3);
+    for (std::size_t x = 0; x < pitch; ++x)
+        twice(bytes + x, picture.height, pitch);
+}
+
+void Mosaic(const Picture &picture, const Response &response, BayerPattern pattern, std::uint8_t *out) {
+    // Channel at (row parity, column parity).
+    constexpr std::array<std::array<Channel, 4>, 4> kFilters{{
+        {kBlue, kGreen, kGreen, kRed},
+        {kGreen, kBlue, kRed, kGreen},
+        {kGreen, kRed, kBlue, kGreen},
+        {kRed, kGreen, kGreen, kBlue},
+    }};
+    const auto &filter = kFilters[static_cast<std::size_t>(pattern)];
+    for (std::uint32_t y = 0; y < picture.height; ++y) {
+        const Rgb *row = picture.Row(y);
+        for (std::uint32_t x = 0; x < picture.width; ++x) {
+            const Channel channel = filter[(y & 1) * 2 + (x & 1)];
+            const std::uint8_t level = channel == kRed ? row[x].red : channel == kGreen ? row[x].green : row[x].blue;
+            *out++ = response[channel][level];
+        }
+    }
+}
+
+// Luma and colour differences of BT.601, studio range, in 1/256.
+std::uint8_t Luma(int r, int g, int b) {
+    return static_cast<std::uint8_t>((66 * r + 129 * g + 25 * b + 4224) >> 8);
+}
+
+std::uint8_t Clip(int value) {
+    return static_cast<std::uint8_t>(std::clamp(value, 0, 255));
+}
+
+void GreyPlane(const Picture &picture, const Response &response, std::uint8_t *out) {
+    for (const Rgb &pixel : picture.pixels) {
+        const unsigned red = response[kRed][pixel.red];
+        const unsigned green = response[kGreen][pixel.green];
+        const unsigned blue = response[kBlue][pixel.blue];
+        *out++ = static_cast<std::uint8_t>((77 * red + 150 * green + 29 * blue + 128) >> 8);
+    }
+}
+
+// `luma` is the place of the first luma byte in a group of four: 0 for YUY2, 1 for UYVY.
+void PackedYuv(const Picture &picture, const Response &response, std::size_t luma, bool colour, std::uint8_t *out) {
+    const std::size_t chroma = 1 - luma;
+    for (std::uint32_t y = 0; y < picture.height; ++y) {
+        const Rgb *row = picture.Row(y);
+        for (std::uint32_t x = 0; x + 1 < picture.width; x += 2) {
+            int sum[3] = {};
+            for (std::size_t i = 0; i < 2; ++i) {
+                const int r = response[kRed][row[x + i].red];
+                const int g = response[kGreen][row[x + i].green];
+                const int b = response[kBlue][row[x + i].blue];
+                out[luma + 2 * i] = Luma(r, g, b);
+                sum[kRed] += r;
+                sum[kGreen] += g;
+                sum[kBlue] += b;
+            }
+            const int u = (-38 * sum[kRed] - 74 * sum[kGreen] + 112 * sum[kBlue] + 256) >> 9;
+            const int v = (112 * sum[kRed] - 94 * sum[kGreen] - 18 * sum[kBlue] + 256) >> 9;
+            out[chroma] = colour ? Clip(u + 128) : 128;
+            out[chroma + 2] = colour ? Clip(v + 128) : 128;
+            out += 4;
+        }
+    }
+}
+
+} // namespace
+
+Sensor::Sensor(const Model &model, const SensorOptions &options)
+    : colour_(model.colour), pattern_(model.pattern), motorisedFocus_(model.motorisedFocus), width_(model.sensorWidth),
+      height_(model.sensorHeight), options_(options) {
+    for (std::uint32_t i = 0; i < options.defects && width_ > 0 && height_ > 0; ++i) {
+        const std::uint64_t place = Scramble((std::uint64_t{options.seed} << 32) + i);
+        defects_.push_back({static_cast<std::uint16_t>((place & 0xFFFFFF) % width_),
+                            static_cast<std::uint16_t>((place >> 24 & 0xFFFFFF) % height_),
+                            static_cast<std::uint8_t>(place >> 63 != 0 ? 255 : 0)});
+    }
+}
+
+bool Sensor::SetScene(const std::string &path, std::string &reason) {
+    Picture picture = ReadPng(path, reason);
+    if (picture.pixels.empty())
+        return false;
+    scene_ = std::move(picture);
+    view_.reset();
+    still_.reset();
+    return true;
+}
+
+void Sensor::SetSurroundings(const Surroundings &surroundings) {
+    options_.surroundings = surroundings;
+    still_.reset();
+}
+
+const Picture &Sensor::Look(std::uint32_t width, std::uint32_t height, double blur) {
+    if (!view_ || view_->width != width || view_->height != height || view_->blur != blur) {
+        view_ = View{width, height, blur, scene_ ? Resample(*scene_, width, height) : DrawChart(width, height)};
+        if (blur > 0)
+            Blur(view_->picture, blur);
+    }
+    return view_->picture;
+}
+
+std::vector<std::uint8_t> Sensor::Develop(const Raster &raster, const SensorSettings &settings) {
+    std::vector<std::uint8_t> frame(raster.bytes);
+    if (raster.pixels == PixelFormat::Opaque) {
+        for (std::size_t i = 0; i < frame.size(); ++i)
+            frame[i] = static_cast<std::uint8_t>((i >> 8) ^ i ^ options_.seed);
+        return frame;
+    }
+    // The spot of a point grows with the way to the sharp position: 12 pixels across the full width of 1000.
+    double blur = 0;
+    if (motorisedFocus_)
+        blur = std::abs(settings.focus - options_.surroundings.sharpAt) * 0.000012 * raster.width;
+    const Picture &picture = Look(raster.width, raster.height, blur);
+    const Response response = MakeResponse(settings, options_.surroundings);
+    switch (raster.pixels) {
+    case PixelFormat::Bayer8:
+        if (colour_)
+            Mosaic(picture, response, pattern_, frame.data());
+        else
+            GreyPlane(picture, response, frame.data());
+        break;
+    case PixelFormat::Grey8:
+        GreyPlane(picture, response, frame.data());
+        break;
+    case PixelFormat::Yuy2:
+        PackedYuv(picture, response, 0, colour_, frame.data());
+        break;
+    case PixelFormat::Uyvy:
+        PackedYuv(picture, response, 1, colour_, frame.data());
+        break;
+    case PixelFormat::Opaque:
+        break;
+    }
+    AddDefects(raster, frame);
+    return frame;
+}
+
+void Sensor::AddDefects(const Raster &raster, std::vector<std::uint8_t> &frame) const {
+    const std::size_t width = Describe(raster.pixels).bitsPerPixel / 8u;
+    for (const Defect &defect : defects_) {
+        const std::size_t x = std::size_t{defect.x} * raster.width / width_;
+        const std::size_t y = std::size_t{defect.y} * raster.height / height_;
+        frame[(y * raster.width + x) * width + (raster.pixels == PixelFormat::Uyvy ? 1 : 0)] = defect.level;
+    }
+}
+
+void Sensor::AddNoise(const Raster &raster, std::uint64_t number, std::vector<std::uint8_t> &frame) {
+    const std::size_t rowBytes = raster.bytes / raster.height;
+    if (noise_.size() < kNoiseSamples + rowBytes) {
+        const std::size_t samples = kNoiseSamples + rowBytes;
+        const std::uint64_t stream = Scramble(options_.seed) << 20;
+        noise_.resize(samples);
+        for (std::size_t i = 0; i < samples; ++i) {
+            const double radius = std::sqrt(-2 * std::log(Uniform(stream + 2 * i)));
+            const double value = radius * std::cos(2 * std::numbers::pi * Uniform(stream + 2 * i + 1));
+            noise_[i] = static_cast<std::int16_t>(std::lround(std::clamp(value * options_.noise, -255.0, 255.0)));
+        }
+    }
+    for (std::size_t y = 0; y < raster.height; ++y) {
+        // Each row of each frame starts elsewhere in one long record of noise.
+        const std::int16_t *noise = noise_.data() + Scramble(Scramble(number) + y) % kNoiseSamples;
+        std::uint8_t *row = frame.data() + y * rowBytes;
+        for (std::size_t x = 0; x < rowBytes; ++x)
+            row[x] = static_cast<std::uint8_t>(std::clamp(row[x] + noise[x], 0, 255));
+    }
+}
+
+FrameBytes Sensor::Expose(const Raster &raster, const SensorSettings &settings, std::uint64_t number) {
+    if (!still_ || still_->raster != raster || still_->settings != settings)
+        still_ = Still{raster, settings, std::make_shared<const std::vector<std::uint8_t>>(Develop(raster, settings))};
+    const bool noisy = options_.noise > 0 && raster.pixels != PixelFormat::Opaque;
+    if (!noisy && !options_.mark)
+        return still_->bytes;
+
+    if (!scratch_ || scratch_.use_count() != 1)
+        scratch_ = std::make_shared<std::vector<std::uint8_t>>();
+    *scratch_ = *still_->bytes;
+    if (noisy)
+        AddNoise(raster, number, *scratch_);
+    if (options_.mark)
+        DrawMark(raster, number, *scratch_);
+    return scratch_;
+}
+
+void DrawMark(const Raster &raster, std::uint64_t number, std::vector<std::uint8_t> &frame) {
+    constexpr std::uint32_t kRows = 32 / kMarkColumns;
+    if (raster.pixels == PixelFormat::Opaque || raster.width < kMarkCell * kMarkColumns ||
+        raster.height < kMarkCell * kRows)
+        return;
+    const std::size_t width = Describe(raster.pixels).bitsPerPixel / 8u;
+    for (std::uint32_t y = 0; y < kMarkCell * kRows; ++y) {
+        for (std::uint32_t x = 0; x < kMarkCell * kMarkColumns; ++x) {
+            const std::uint32_t bit = 31 - (y / kMarkCell * kMarkColumns + x / kMarkCell);
+            const std::uint8_t level = (number >> bit & 1) != 0 ? 235 : 16;
+            std::uint8_t *pixel = frame.data() + (std::size_t{y} * raster.width + x) * width;
+            if (width == 1) {
+                pixel[0] = level;
+            } else {
+                const std::size_t luma = raster.pixels == PixelFormat::Uyvy ? 1 : 0;
+                pixel[luma] = level;
+                pixel[1 - luma] = 128;
+            }
+        }
+    }
+}
+
+} // namespace host::cameras

@@ -1,0 +1,325 @@
+// The control pipe: standard requests (USB 2.0, 9.4), class requests (UVC 1.1, 4) and the cameras' vendor requests
+// (docs/camera-protocol.md).
+#include "host/cameras/descriptors.h"
+#include "host/cameras/simulated_camera.h"
+
+#include <algorithm>
+#include <array>
+
+namespace host::cameras {
+namespace {
+
+using usb::Setup;
+using usb::Ticks;
+using usb::TransferResult;
+using usb::TransferStatus;
+
+constexpr TransferResult kStall{TransferStatus::Stall};
+
+enum StandardRequestCode : std::uint8_t {
+    kGetStatus = 0,
+    kClearFeature = 1,
+    kSetFeature = 3,
+    kSetAddress = 5,
+    kGetDescriptor = 6,
+    kGetConfiguration = 8,
+    kSetConfiguration = 9,
+    kGetInterface = 10,
+    kSetInterface = 11,
+};
+
+enum ClassRequestCode : std::uint8_t {
+    kSetCur = 0x01,
+    kGetCur = 0x81,
+    kGetMin = 0x82,
+    kGetMax = 0x83,
+    kGetLen = 0x85,
+    kGetInfo = 0x86,
+    kGetDef = 0x87,
+};
+
+constexpr std::uint8_t kProbe = 1;
+constexpr std::uint8_t kCommit = 2;
+
+TransferResult Answer(std::span<std::uint8_t> data, std::span<const std::uint8_t> bytes) {
+    const std::size_t length = std::min(data.size(), bytes.size());
+    std::copy_n(bytes.begin(), length, data.begin());
+    return {TransferStatus::Ok, length};
+}
+
+template <typename... Byte> TransferResult AnswerBytes(std::span<std::uint8_t> data, Byte... byte) {
+    const std::array<std::uint8_t, sizeof...(byte)> bytes{static_cast<std::uint8_t>(byte)...};
+    return Answer(data, bytes);
+}
+
+enum VendorRequestCode : std::uint8_t {
+    kFirmwareRevision = 0x16,
+    kDeviceStatus = 0x17,
+    kUserRegister = 0x19,
+    kDescription = 0x20,
+    kStreamingMode = 0x21,
+    kFrameRateCode = 0x22,
+    kLoader = 0x42,
+};
+
+constexpr std::uint8_t kVendorOut = 0x40;
+constexpr std::uint8_t kVendorIn = 0xC0;
+constexpr std::uint16_t kLoaderValue = 0xB0C4;
+constexpr std::uint16_t kLoaderIndex = 0x2E71;
+
+enum FamilyBits : unsigned { kA = 1, kB = 2, kC = 4 };
+
+struct VendorRow {
+    std::uint8_t request;
+    std::uint8_t requestType;
+    std::uint16_t length;
+    unsigned families;
+    bool takesParameters; // wValue and wIndex; they are 0 otherwise
+};
+
+constexpr VendorRow kVendorRows[] = {
+    {kFirmwareRevision, kVendorIn, 2, kA | kB | kC, false},
+    {kDeviceStatus, kVendorIn, 2, kA | kB, false},
+    {kUserRegister, kVendorOut, 4, kA | kB, false},
+    {kDescription, kVendorIn, 8, kB | kC, false},
+    {kStreamingMode, kVendorOut, 1, kC, true},
+    {kFrameRateCode, kVendorOut, 0, kC, true},
+    {kLoader, kVendorOut, 0, kA | kB, true},
+};
+
+unsigned FamilyBit(Family family) {
+    return family == Family::A ? kA : family == Family::B ? kB : family == Family::C ? kC : 0u;
+}
+
+} // namespace
+
+TransferResult SimulatedCamera::Dispatch(const Setup &setup, std::span<std::uint8_t> data, Ticks) {
+    switch (setup.requestType >> 5 & 3) {
+    case 0:
+        return StandardRequest(setup, data);
+    case 1:
+        return ClassRequest(setup, data);
+    case 2:
+        return VendorRequest(setup, data);
+    default:
+        return kStall;
+    }
+}
+
+TransferResult SimulatedCamera::StandardRequest(const Setup &setup, std::span<std::uint8_t> data) {
+    const unsigned recipient = setup.requestType & 0x1F;
+    switch (setup.request) {
+    case kGetDescriptor:
+        return GetDescriptor(setup, data);
+    case kGetStatus:
+        return GetStatus(setup, data);
+    case kClearFeature:
+    case kSetFeature:
+        return recipient == 2 ? EndpointFeature(setup) : kStall;
+    case kSetAddress:
+        return {};
+    case kGetConfiguration:
+        return AnswerBytes(data, configuration_);
+    case kSetConfiguration:
+        return SetConfiguration(static_cast<std::uint8_t>(setup.value));
+    case kSetInterface:
+        return SetInterface(static_cast<std::uint8_t>(setup.index), static_cast<std::uint8_t>(setup.value));
+    case kGetInterface: {
+        for (const InterfaceSetting &setting : alternates_)
+            if (setting.number == setup.index)
+                return AnswerBytes(data, setting.alternate);
+        const bool known = std::any_of(function_.interfaces.begin(), function_.interfaces.end(),
+                                       [&](const InterfaceSetting &entry) { return entry.number == setup.index; });
+        return known && configuration_ != 0 ? AnswerBytes(data, 0) : kStall;
+    }
+    default:
+        return kStall;
+    }
+}
+
+TransferResult SimulatedCamera::GetDescriptor(const Setup &setup, std::span<std::uint8_t> data) const {
+    const auto index = static_cast<std::uint8_t>(setup.value);
+    switch (setup.value >> 8) {
+    case 1:
+        return Answer(data, body_.device);
+    case 2:
+        return index == 0 ? Answer(data, body_.configuration) : kStall;
+    case 3:
+        if (index == 0)
+            return Answer(data, BuildLanguageTable());
+        if (index <= body_.strings.size())
+            return Answer(data, BuildStringDescriptor(body_.strings[index - 1u]));
+        if (index <= body_.lastString)
+            return Answer(data, BuildStringDescriptor("String " + std::to_string(index)));
+        return kStall;
+    default:
+        return kStall;
+    }
+}
+
+TransferResult SimulatedCamera::GetStatus(const Setup &setup, std::span<std::uint8_t> data) const {
+    const bool halted = (setup.requestType & 0x1F) == 2 && setup.index == function_.bulkEndpoint && halted_;
+    return AnswerBytes(data, halted ? 1 : 0, 0);
+}
+
+TransferResult SimulatedCamera::EndpointFeature(const Setup &setup) {
+    constexpr std::uint16_t kEndpointHalt = 0;
+    if (setup.value != kEndpointHalt || setup.index != function_.bulkEndpoint)
+        return kStall;
+    halted_ = setup.request == kSetFeature;
+    payloads_.Abandon();
+    return {};
+}
+
+TransferResult SimulatedCamera::SetConfiguration(std::uint8_t value) {
+    if (value != 0 && (body_.configuration.size() < 6 || value != body_.configuration[5]))
+        return kStall;
+    configuration_ = value;
+    alternates_.clear();
+    halted_ = false;
+    StopStream();
+    return {};
+}
+
+TransferResult SimulatedCamera::SetInterface(std::uint8_t number, std::uint8_t alternate) {
+    const bool known =
+        std::any_of(function_.interfaces.begin(), function_.interfaces.end(), [&](const InterfaceSetting &entry) {
+            return entry.number == number && entry.alternate == alternate;
+        });
+    if (configuration_ == 0 || !known)
+        return kStall;
+    std::erase_if(alternates_, [number](const InterfaceSetting &entry) { return entry.number == number; });
+    if (alternate != 0)
+        alternates_.push_back({number, alternate});
+    if (number == kStreamingInterface) {
+        halted_ = false;
+        StopStream();
+    }
+    return {};
+}
+
+TransferResult SimulatedCamera::ClassRequest(const Setup &setup, std::span<std::uint8_t> data) {
+    if ((setup.requestType & 0x1F) != 1 || configuration_ == 0)
+        return kStall;
+    const auto interface = static_cast<std::uint8_t>(setup.index);
+    if (function_.hasStreaming && setup.index == kStreamingInterface)
+        return StreamingRequest(setup, data);
+    if (interface != function_.controlInterface)
+        return kStall;
+    const TransferResult result = controls_.Request(setup, data);
+    if (result.status == TransferStatus::Ok && setup.request == kSetCur)
+        NoteSettings();
+    return result;
+}
+
+TransferResult SimulatedCamera::StreamingRequest(const Setup &setup, std::span<std::uint8_t> data) {
+    const unsigned selector = setup.value >> 8;
+    if ((selector != kProbe && selector != kCommit) || function_.formats.empty())
+        return kStall;
+    if (((setup.requestType & 0x80) != 0) != (setup.request != kSetCur))
+        return kStall;
+    const std::size_t length = function_.bcdUvc < 0x0110   ? kShortestStreamControl
+                               : function_.bcdUvc < 0x0150 ? 34
+                                                           : kLongestStreamControl;
+    const auto answer = [&](const StreamControl &control) {
+        const auto bytes = Encode(control);
+        return Answer(data, std::span(bytes).first(length));
+    };
+    const StreamControl &current = selector == kProbe ? probe_ : committed_;
+
+    switch (setup.request) {
+    case kSetCur: {
+        if (data.size() < kShortestStreamControl)
+            return kStall;
+        const StreamControl request = Decode(data);
+        const StreamControl settled = negotiator_.Settle(request);
+        if (selector == kCommit) {
+            // Only what could have been the answer to a probe is committed.
+            if (settled.formatIndex != request.formatIndex || settled.frameIndex != request.frameIndex)
+                return kStall;
+            committed_ = settled;
+            ++counters_.commits;
+            StopStream();
+        }
+        probe_ = settled;
+        return {TransferStatus::Ok, data.size()};
+    }
+    case kGetCur:
+        return answer(current);
+    case kGetMin:
+        return selector == kProbe ? answer(negotiator_.Shortest(probe_)) : kStall;
+    case kGetMax:
+        return selector == kProbe ? answer(negotiator_.Longest(probe_)) : kStall;
+    case kGetDef:
+        return selector == kProbe ? answer(negotiator_.Default()) : kStall;
+    case kGetLen:
+        return AnswerBytes(data, length, 0);
+    case kGetInfo:
+        return AnswerBytes(data, 3);
+    default:
+        return kStall;
+    }
+}
+
+TransferResult SimulatedCamera::VendorRequest(const Setup &setup, std::span<std::uint8_t> data) {
+    const Model &model = body_.model;
+    const auto row = std::find_if(std::begin(kVendorRows), std::end(kVendorRows),
+                                  [&](const VendorRow &entry) { return entry.request == setup.request; });
+    if (row == std::end(kVendorRows) || (row->families & FamilyBit(model.family)) == 0 ||
+        row->requestType != setup.requestType)
+        return kStall;
+    if (!row->takesParameters && (setup.value != 0 || setup.index != 0))
+        return kStall;
+    if (row->requestType == kVendorOut && data.size() != row->length)
+        return kStall;
+
+    switch (setup.request) {
+    case kFirmwareRevision:
+        return AnswerBytes(data, model.firmwareRevision, model.firmwareRevision >> 8);
+    case kDeviceStatus:
+        return AnswerBytes(data, streaming_ ? 1 : 0, 0);
+    case kUserRegister:
+        userRegister_ = data[0] | data[1] << 8 | data[2] << 16 | std::uint32_t{data[3]} << 24;
+        return {TransferStatus::Ok, data.size()};
+    case kDescription: {
+        const int features = (model.colour ? 1 : 0) | (model.motorisedFocus ? 2 : 0) | (model.registerBlock ? 4 : 0) |
+                             (model.binning ? 8 : 0) | (model.regionOfInterest ? 16 : 0);
+        return AnswerBytes(data, 1, features, static_cast<int>(model.pattern), 0, model.sensorWidth,
+                           model.sensorWidth >> 8, model.sensorHeight, model.sensorHeight >> 8);
+    }
+    case kStreamingMode:
+        return {TransferStatus::Ok, data.size()};
+    case kFrameRateCode:
+        return SetFrameRateCode(setup.value);
+    case kLoader:
+        if (setup.value != kLoaderValue || setup.index != kLoaderIndex)
+            return kStall;
+        // The loader starts the firmware again at once: what the host sees is a camera after power-up.
+        PowerUp();
+        return {};
+    default:
+        return kStall;
+    }
+}
+
+TransferResult SimulatedCamera::SetFrameRateCode(std::uint16_t code) {
+    const Raster raster = RasterOf(probe_);
+    for (const FormatModel &format : body_.model.formats) {
+        for (const FrameModel &frame : format.frames) {
+            if (frame.width != raster.width || frame.height != raster.height || frame.continuous)
+                continue;
+            for (const FrameInterval &entry : frame.intervals) {
+                if (entry.code != code)
+                    continue;
+                // The exposure that is under way keeps its time.
+                epochTime_ += static_cast<Ticks>(nextNumber_ - epochNumber_) * Interval();
+                epochNumber_ = nextNumber_;
+                codedInterval_ = entry.interval;
+                return {};
+            }
+        }
+    }
+    return kStall;
+}
+
+} // namespace host::cameras
