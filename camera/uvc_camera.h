@@ -3,6 +3,7 @@
 #pragma once
 
 #include "camera/descriptor_block.h"
+#include "camera/frame_interval.h"
 #include "imaging/image.h"
 #include "platform/pool.h"
 #include "usb/device_link.h"
@@ -118,10 +119,32 @@ class UvcCamera {
   protected:
     ~UvcCamera();
 
+    // The end of Destroy: gives the block of a destroyed camera back to the pool when bit 0 of the flags is set.
+    static void Release(void *camera, ULONG flags);
+
+    // The rest of GetCameraInfo for the families: information kind, firmware revision, sensor code.
+    void FillFamilyInfo(CameraInfo &info);
+
+    // Appends one record for a frame descriptor as it stands, at `bitsPerPixel` where that is not 0. A descriptor that
+    // says nothing usable is STATUS_INVALID_PARAMETER.
+    NTSTATUS AddSensorFrame(const UCHAR *formatDescriptor, const UCHAR *frameDescriptor, USHORT bitsPerPixel);
+
+    // Appends what the conversion makes of each 8-bit sensor record and the list does not have in that size: RGB32,
+    // RGB24 and "Y800".
+    NTSTATUS AddConvertedFormats(bool colour);
+
+    bool HasFormat(const GUID &subtype) const;
+    bool HasFormat(const GUID &subtype, LONG width, LONG height) const;
+
     UCHAR familyFlag_ = 0; // 1 once CameraFamilyA has constructed
+
+    // Where a family knows the sensor's intervals better than the descriptors do.
+    using IntervalQuery = NTSTATUS (*)(UvcCamera &camera, const KS_VIDEOINFOHEADER &format, FrameIntervalList &list);
+    IntervalQuery intervalQuery_ = nullptr;
 
   private:
     NTSTATUS BuildFormatList();
+    NTSTATUS AddDescribedFrames();
     void ReadFirmwareRevision();
 
     ULONG productId_ = 0;

@@ -1,0 +1,225 @@
+#include "camera/camera_family_c.h"
+
+#include "camera/descriptor_parser.h"
+#include "camera/parameter.h"
+
+namespace uvc {
+
+namespace {
+
+// The automatics judge a frame only when the settings they sent after the last one show in it: sensor latency, two
+// frames waiting for the worker and the work item make more than three frames.
+constexpr ULONG kStatisticsInterval = 4;
+
+// The firmware negotiates one interval for all; the rate is set by vendor command.
+constexpr ULONG kNegotiatedInterval = 333333;
+
+constexpr ULONG kLargestPayloadHeader = 12;
+
+constexpr USHORT kRawBits = 8;
+
+bool IsRaw(const GUID &subtype) {
+    return subtype == kSubtypeBy8 || subtype == kSubtypeY800;
+}
+
+LONGLONG Distance(LONGLONG a, LONGLONG b) {
+    return a < b ? b - a : a - b;
+}
+
+} // namespace
+
+CameraFamilyC::CameraFamilyC(PDEVICE_OBJECT device, FrameSink *sink) : UvcCamera(device, sink) {
+    stream.workerMode = true;
+    WorkItemTrackerInitialise(workItems_, device);
+    intervalQuery_ = [](UvcCamera &camera, const KS_VIDEOINFOHEADER &format, FrameIntervalList &list) {
+        return static_cast<CameraFamilyC &>(camera).GetFrameIntervals(format, list);
+    };
+}
+
+// The leaves have nothing of their own to destroy.
+void CameraFamilyC::Destroy(ULONG flags) {
+    this->CameraFamilyC::~CameraFamilyC();
+    Release(this, flags);
+}
+
+void CameraFamilyC::GetCameraInfo(CameraInfo &info) {
+    UvcCamera::GetCameraInfo(info);
+    FillFamilyInfo(info);
+}
+
+bool CameraFamilyC::IsParameterSupported(ULONG id) {
+    switch (id) {
+    case kStreamingModeParameter:
+    case kCameraDescriptionParameter:
+    case kSensorColoursParameter:
+        return description_.colour;
+    case kFamilySwitchParameter:
+        return true;
+    default:
+        return UvcCamera::IsParameterSupported(id);
+    }
+}
+
+NTSTATUS CameraFamilyC::SetParameter(ULONG id, ULONG value) {
+    switch (id) {
+    case kStreamingModeParameter:
+        if (!description_.colour)
+            return STATUS_NOT_IMPLEMENTED;
+        streamingMode_ = value;
+        return STATUS_SUCCESS;
+    case kFamilySwitchParameter:
+        familySwitch_ = value != 0;
+        return STATUS_SUCCESS;
+    default:
+        return UvcCamera::SetParameter(id, value);
+    }
+}
+
+NTSTATUS CameraFamilyC::GetParameterBlock(ULONG id, const UCHAR *instance, ULONG instanceLength, UCHAR *data,
+                                          ULONG length, ULONG &information) {
+    const ULONG colours[] = {CapabilityBit(), description_.pattern};
+    static_assert(sizeof(colours) == sizeof(description_.bytes));
+    const void *answer;
+    switch (id) {
+    case kCameraDescriptionParameter:
+        answer = description_.bytes;
+        break;
+    case kSensorColoursParameter:
+        answer = colours;
+        break;
+    default:
+        return UvcCamera::GetParameterBlock(id, instance, instanceLength, data, length, information);
+    }
+    if (!description_.colour)
+        return STATUS_NOT_IMPLEMENTED;
+    if (length < sizeof(colours))
+        return STATUS_BUFFER_OVERFLOW;
+    RtlCopyMemory(data, answer, sizeof(colours));
+    information = sizeof(colours);
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS CameraFamilyC::GetParameter(ULONG id, ULONG &value) {
+    switch (id) {
+    case kFirmwareRevisionParameter:
+        if (firmwareRevision_ < 1)
+            return STATUS_NOT_IMPLEMENTED;
+        value = firmwareRevision_;
+        return STATUS_SUCCESS;
+    case kStreamingModeParameter:
+        if (!description_.colour)
+            return STATUS_NOT_IMPLEMENTED;
+        value = streamingMode_;
+        return STATUS_SUCCESS;
+    case kFamilySwitchParameter:
+        value = familySwitch_;
+        return STATUS_SUCCESS;
+    default:
+        return UvcCamera::GetParameter(id, value);
+    }
+}
+
+NTSTATUS CameraFamilyC::OptionalOperation() {
+    return ApplyStreamingMode();
+}
+
+NTSTATUS CameraFamilyC::CreateControls() {
+    NTSTATUS status = UvcCamera::CreateControls();
+    if (!NT_SUCCESS(status))
+        return status;
+    description_ = VendorReadDescription(*this);
+    firmwareRevision_ = 0; // a camera without one stays at 0
+    static_cast<void>(VendorReadWord(*this, kReadFirmwareRevision, firmwareRevision_));
+    colourSamples_ = decltype(colourSamples_)::AllocateArray(NonPagedPool, kColourSampleBytes);
+    return colourSamples_ ? STATUS_SUCCESS : STATUS_INSUFFICIENT_RESOURCES;
+}
+
+NTSTATUS CameraFamilyC::CreateWorker() {
+    WorkItemOpen(workItems_);
+    return UvcCamera::CreateWorker();
+}
+
+void CameraFamilyC::ResetStreamState() {
+    WorkItemClose(workItems_);
+}
+
+NTSTATUS CameraFamilyC::BuildProbeRequest(const KS_VIDEOINFOHEADER &format, ProbeCommitBlock &block) {
+    NTSTATUS status = UvcCamera::BuildProbeRequest(format, block);
+    if (NT_SUCCESS(status))
+        block.dwFrameInterval = kNegotiatedInterval;
+    return status;
+}
+
+// A camera that refuses streams on in the mode and at the rate that it had.
+void CameraFamilyC::OnCommitted(const KS_VIDEOINFOHEADER &format) {
+    static_cast<void>(ApplyStreamingMode());
+    static_cast<void>(SendFrameRate(format));
+}
+
+// Raw images have 8 bits a pixel, whatever a frame-based format announces.
+void CameraFamilyC::FillImageParameters(const UCHAR *formatDescriptor, const UCHAR *frameDescriptor) {
+    FormatDescription format;
+    FrameDescription frame;
+    if (!ReadFormatDescriptor(formatDescriptor, format) || !ReadFrameDescriptor(frameDescriptor, frame))
+        return;
+    BuildSensorHeader(format.subtype, frame.width, frame.height, IsRaw(format.subtype) ? kRawBits : format.bitsPerPixel,
+                      frame.defaultInterval, stream.sensor);
+}
+
+NTSTATUS CameraFamilyC::AddOtherFrame(const UCHAR *formatDescriptor, const UCHAR *frameDescriptor) {
+    FormatDescription format;
+    bool raw = ReadFormatDescriptor(formatDescriptor, format) && IsRaw(format.subtype);
+    return AddSensorFrame(formatDescriptor, frameDescriptor, raw ? kRawBits : 0);
+}
+
+NTSTATUS CameraFamilyC::FinishFormats() {
+    return AddConvertedFormats(description_.colour);
+}
+
+// A camera that leaves the size open sends a frame at a time.
+ULONG CameraFamilyC::TransferSize() {
+    ULONG size = UvcCamera::TransferSize();
+    return size != 0 ? size : stream.sensor.bmiHeader.biSizeImage + kLargestPayloadHeader;
+}
+
+void CameraFamilyC::ConvertFrame(imaging::ImageDescriptor &destination, imaging::ImageDescriptor &source, ULONG flags) {
+    if (description_.colour)
+        LabelSource(destination, description_.pattern, source);
+
+    ++framesSinceStatistics_;
+    bool statistics = framesSinceStatistics_ >= kStatisticsInterval;
+    ProcessRawFrame(source, statistics);
+    if (statistics)
+        framesSinceStatistics_ = 0;
+
+    ConvertImage(destination, source, description_.colour, correction_, flags);
+}
+
+NTSTATUS CameraFamilyC::ApplyStreamingMode() {
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS CameraFamilyC::GetFrameIntervals(const KS_VIDEOINFOHEADER &, FrameIntervalList &list) {
+    list = {};
+    return STATUS_NOT_IMPLEMENTED;
+}
+
+void CameraFamilyC::ProcessRawFrame(imaging::ImageDescriptor &, bool) {}
+
+NTSTATUS CameraFamilyC::SendStreamingMode(UCHAR flags, USHORT mode, USHORT variant) {
+    return VendorSend(*this, kSetStreamingMode, mode, variant, &flags, sizeof(flags));
+}
+
+NTSTATUS CameraFamilyC::SendFrameRate(const KS_VIDEOINFOHEADER &format) {
+    FrameIntervalList list;
+    NTSTATUS status = GetFrameIntervals(format, list);
+    if (!NT_SUCCESS(status))
+        return status;
+    const FrameIntervalEntry *best = &list.front();
+    for (const FrameIntervalEntry &entry : list)
+        if (Distance(format.AvgTimePerFrame, entry.interval) < Distance(format.AvgTimePerFrame, best->interval))
+            best = &entry;
+    return VendorSend(*this, kSetFrameRate, static_cast<USHORT>(best->code), 0, nullptr, 0);
+}
+
+} // namespace uvc

@@ -1,0 +1,75 @@
+// Products 0x8201 to 0x8207: raw sensors with vendor commands for streaming mode and frame rate. The leaves, one to a
+// sensor, differ in these two and in which frames they offer.
+#pragma once
+
+#include "camera/colour_correction.h"
+#include "camera/uvc_camera.h"
+#include "camera/vendor_protocol.h"
+#include "usb/work_item_tracker.h"
+
+namespace uvc {
+
+class CameraFamilyC : public UvcCamera {
+  public:
+    CameraFamilyC(PDEVICE_OBJECT device, FrameSink *sink);
+
+    void Destroy(ULONG flags) override;
+    void GetCameraInfo(CameraInfo &info) override;
+    // Beside the generic parameters: 4 (get only, and not listed as supported) the firmware revision, 16 a switch, and
+    // on colour cameras 14 the streaming mode of the next stream, 15 (get) the camera's description, 8 bytes as it sent
+    // them, 19 (get) two numbers: 1 for a colour sensor, and its Bayer pattern. The user-data store (20 to 23) and the
+    // register block (27) are not driven: such a camera answers like one without them.
+    bool IsParameterSupported(ULONG id) override;
+    NTSTATUS SetParameter(ULONG id, ULONG value) override;
+    NTSTATUS GetParameterBlock(ULONG id, const UCHAR *instance, ULONG instanceLength, UCHAR *data, ULONG length,
+                               ULONG &information) override;
+    NTSTATUS GetParameter(ULONG id, ULONG &value) override;
+    // Applies the streaming mode at once.
+    NTSTATUS OptionalOperation() override;
+    // Reads the camera's description and firmware revision and allocates the colour samples.
+    NTSTATUS CreateControls() override;
+    // The family's work items may be queued from CreateWorker to ResetStreamState. Items take no stream mutex.
+    NTSTATUS CreateWorker() override;
+    void ResetStreamState() override;
+    NTSTATUS BuildProbeRequest(const KS_VIDEOINFOHEADER &format, ProbeCommitBlock &block) override;
+    // Sends the streaming mode and the rate that fits the format's interval best.
+    void OnCommitted(const KS_VIDEOINFOHEADER &format) override;
+    void FillImageParameters(const UCHAR *formatDescriptor, const UCHAR *frameDescriptor) override;
+    NTSTATUS AddOtherFrame(const UCHAR *formatDescriptor, const UCHAR *frameDescriptor) override;
+    NTSTATUS FinishFormats() override;
+    ULONG TransferSize() override;
+    void ConvertFrame(imaging::ImageDescriptor &destination, imaging::ImageDescriptor &source, ULONG flags) override;
+
+    // Further operations of this family. IRQL: PASSIVE_LEVEL.
+
+    // 28: puts the camera into its streaming mode. Lock: stream mutex held, but for parameter requests.
+    virtual NTSTATUS ApplyStreamingMode();
+    // 29: the intervals at a format's width, STATUS_NOT_IMPLEMENTED when the sensor has no list.
+    virtual NTSTATUS GetFrameIntervals(const KS_VIDEOINFOHEADER &format, FrameIntervalList &list);
+    // 30: sees every raw image before it is converted; `statistics` once every few frames. On the worker thread.
+    // Lock: none.
+    virtual void ProcessRawFrame(imaging::ImageDescriptor &source, bool statistics);
+
+  protected:
+    ~CameraFamilyC() = default;
+
+    NTSTATUS SendStreamingMode(UCHAR flags, USHORT mode, USHORT variant);
+
+    // 1 for a colour sensor, else 0.
+    ULONG CapabilityBit() const { return description_.colour ? 1 : 0; }
+
+    ULONG streamingMode_ = 0;
+
+  private:
+    NTSTATUS SendFrameRate(const KS_VIDEOINFOHEADER &format);
+
+    CameraDescription description_{};
+    ULONG firmwareRevision_ = 0;
+    bool familySwitch_ = true;
+    ColourCorrection correction_;
+    PoolPointer<UCHAR, pool_tag::Context> colourSamples_;
+    ULONG framesSinceStatistics_ = 0;
+    WorkItemTracker workItems_;
+};
+
+} // namespace uvc

@@ -1,0 +1,35 @@
+// What families B and C apply to an image beside the demosaic, and the conversion itself.
+#pragma once
+
+#include "imaging/image.h"
+#include "platform/platform.h"
+
+namespace uvc {
+
+// Fixed point, 64 is 1.0. Written by property requests while frames are converted: a frame may see some old and some
+// new values.
+struct ColourCorrection {
+    bool matrixEnabled = true;
+    // Row by row: red, green, blue from red, green, blue.
+    SHORT matrix[imaging::kMatrixCoefficients] = {90, -13, -13, -13, 90, -13, -13, -13, 90};
+    bool gainsEnabled = true;
+    imaging::GainRecords gains = {
+        .blue = {.minimum = 0, .maximum = 255, .defaultValue = 64, .current = 64, .automatic = true},
+        .red = {.minimum = 0, .maximum = 255, .defaultValue = 64, .current = 64, .automatic = true},
+        .green = {.minimum = 0, .maximum = 255, .defaultValue = 64, .current = 64, .automatic = true},
+    };
+    bool smoothing = false;
+};
+
+// The buffer in which the automatics of families B and C sample a frame.
+inline constexpr ULONG kColourSampleBytes = 12288;
+
+// Names the colours of a colour camera's image by its Bayer pattern (0 B-G, 1 G-B, 2 G-R, 3 R-G; any other names none).
+// For an output of raw bytes it is named grey, since nobody will look at its colours.
+void LabelSource(const imaging::ImageDescriptor &destination, ULONG pattern, imaging::ImageDescriptor &source);
+
+// Converts with the enabled corrections; the matrix counts only for colour images. IRQL: PASSIVE_LEVEL. Lock: none.
+void ConvertImage(imaging::ImageDescriptor &destination, imaging::ImageDescriptor &source, bool colour,
+                  const ColourCorrection &correction, ULONG flags);
+
+} // namespace uvc

@@ -1,0 +1,80 @@
+#include "camera/vendor_protocol.h"
+
+#include "platform/byte_cursor.h"
+#include "usb/uvc_request.h"
+
+#include <span>
+
+namespace uvc {
+
+namespace {
+
+NTSTATUS Receive(UvcCamera &camera, VendorRequestCode request, void *data, ULONG length, ULONG &received) {
+    const UvcControlRequest control{
+        .out = 0,
+        .vendor = 1,
+        .recipient = kRecipientDevice,
+        .request = request,
+        .value = 0,
+        .index = 0,
+        .length = length,
+        .data = data,
+    };
+    return UvcSendControlRequest(camera, control, received);
+}
+
+} // namespace
+
+NTSTATUS VendorSend(UvcCamera &camera, VendorRequestCode request, USHORT value, USHORT index, void *data,
+                    ULONG length) {
+    const UvcControlRequest control{
+        .out = 1,
+        .vendor = 1,
+        .recipient = kRecipientDevice,
+        .request = request,
+        .value = value,
+        .index = index,
+        .length = length,
+        .data = data,
+    };
+    ULONG sent = 0;
+    return UvcSendControlRequest(camera, control, sent);
+}
+
+NTSTATUS VendorReadWord(UvcCamera &camera, VendorRequestCode request, ULONG &value) {
+    USHORT word = 0;
+    ULONG received = 0;
+    NTSTATUS status = Receive(camera, request, &word, sizeof(word), received);
+    if (NT_SUCCESS(status))
+        value = word;
+    return status;
+}
+
+CameraDescription VendorReadDescription(UvcCamera &camera) {
+    constexpr UCHAR kVersion = 1;
+    enum Feature : UCHAR { kColour = 1, kFocus = 2, kRegisters = 4, kBinning = 8, kRegion = 16 };
+
+    CameraDescription description{};
+    UCHAR bytes[sizeof(description.bytes)] = {};
+    ULONG received = 0;
+    NTSTATUS status = Receive(camera, kReadCameraDescription, bytes, sizeof(bytes), received);
+    if (!NT_SUCCESS(status) || received != sizeof(bytes) || bytes[0] != kVersion)
+        return description;
+
+    RtlCopyMemory(description.bytes, bytes, sizeof(bytes));
+    ByteCursor cursor{std::span<const std::uint8_t>(bytes)};
+    cursor.Skip(1);
+    UCHAR features = cursor.U8();
+    description.colour = (features & kColour) != 0;
+    description.motorisedFocus = (features & kFocus) != 0;
+    description.registerBlock = (features & kRegisters) != 0;
+    description.binning = (features & kBinning) != 0;
+    description.regionOfInterest = (features & kRegion) != 0;
+    description.pattern = cursor.U8();
+    cursor.Skip(1);
+    description.width = cursor.U16();
+    description.height = cursor.U16();
+    return description;
+}
+
+} // namespace uvc
