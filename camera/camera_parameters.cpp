@@ -3,6 +3,7 @@
 #include "camera/uvc_camera.h"
 #include "imaging/processor_features.h"
 #include "platform/lock.h"
+#include "platform/shared_field.h"
 #include "usb/bulk_engine.h"
 #include "usb/usb_request.h"
 #include "usb/uvc_request.h"
@@ -62,25 +63,25 @@ NTSTATUS UvcCamera::GetParameterBlock(ULONG id, const UCHAR *instance, ULONG ins
 NTSTATUS UvcCamera::SetParameter(ULONG id, ULONG value) {
     switch (id) {
     case kStatisticsOverlayParameter:
-        parameters.statisticsOverlay = value != 0;
+        SharedStore(parameters.statisticsOverlay, value != 0);
         return STATUS_SUCCESS;
     case kDiscardIncompleteParameter:
-        parameters.discardIncomplete = value != 0;
+        SharedStore(parameters.discardIncomplete, value != 0);
         return STATUS_SUCCESS;
     case kTransferCountParameter:
-        parameters.transferCount = value;
+        SharedStore(parameters.transferCount, value);
         return STATUS_SUCCESS;
     case kControlTimeoutParameter:
-        parameters.controlTimeoutMs = static_cast<LONG>(value);
+        SharedStore(parameters.controlTimeoutMs, static_cast<LONG>(value));
         return STATUS_SUCCESS;
     case kMeasureFrameRateParameter:
-        parameters.measureFrameRate = value != 0;
+        SharedStore(parameters.measureFrameRate, value != 0);
         return STATUS_SUCCESS;
     case kZeroBuffersParameter: {
-        parameters.zeroBuffers = value != 0;
+        SharedStore(parameters.zeroBuffers, value != 0);
         MutexGuard guard(stream.mutex); // a stop frees the engine
         if (stream.engine != nullptr)
-            stream.engine->zeroBuffers = parameters.zeroBuffers;
+            SharedStore(stream.engine->zeroBuffers, value != 0);
         return STATUS_SUCCESS;
     }
     case kCyclePortParameter:
@@ -90,7 +91,8 @@ NTSTATUS UvcCamera::SetParameter(ULONG id, ULONG value) {
     case kInstructionSetParameter:
         if (value >= kLevelCount)
             return STATUS_INVALID_PARAMETER;
-        parameters.processorMask = value == kDetectedLevel ? imaging::DetectProcessorFeatures() : kLevelMasks[value];
+        SharedStore(parameters.processorMask,
+                    value == kDetectedLevel ? ULONG{imaging::DetectProcessorFeatures()} : kLevelMasks[value]);
         return STATUS_SUCCESS;
     case kResetPortParameter:
         return UsbSendInternalIoctl(link->lowerDevice, IOCTL_INTERNAL_USB_RESET_PORT);
@@ -102,28 +104,28 @@ NTSTATUS UvcCamera::SetParameter(ULONG id, ULONG value) {
 NTSTATUS UvcCamera::GetParameter(ULONG id, ULONG &value) {
     switch (id) {
     case kStatisticsOverlayParameter:
-        value = parameters.statisticsOverlay;
+        value = SharedLoad(parameters.statisticsOverlay);
         return STATUS_SUCCESS;
     case kDiscardIncompleteParameter:
-        value = parameters.discardIncomplete;
+        value = SharedLoad(parameters.discardIncomplete);
         return STATUS_SUCCESS;
     case kTransferCountParameter:
-        value = parameters.transferCount;
+        value = SharedLoad(parameters.transferCount);
         return STATUS_SUCCESS;
     case kControlTimeoutParameter:
-        value = static_cast<ULONG>(parameters.controlTimeoutMs);
+        value = static_cast<ULONG>(SharedLoad(parameters.controlTimeoutMs));
         return STATUS_SUCCESS;
     case kMeasureFrameRateParameter:
-        value = parameters.measureFrameRate;
+        value = SharedLoad(parameters.measureFrameRate);
         return STATUS_SUCCESS;
     case kZeroBuffersParameter:
-        value = parameters.zeroBuffers;
+        value = SharedLoad(parameters.zeroBuffers);
         return STATUS_SUCCESS;
     case kIgnoredParameter:
         value = 0;
         return STATUS_SUCCESS;
     case kInstructionSetParameter:
-        value = LevelOf(parameters.processorMask);
+        value = LevelOf(SharedLoad(parameters.processorMask));
         return STATUS_SUCCESS;
     default:
         return STATUS_NOT_IMPLEMENTED;

@@ -81,7 +81,9 @@ NTSTATUS UvcCamera::Initialise() {
         return STATUS_INSUFFICIENT_RESOURCES;
 
     // What the camera is set to streams without a commit; a camera that does not answer is committed at stream start.
-    static_cast<void>(UvcStreamingRequest(*this, false, kGetCur, descriptors->committed));
+    ProbeCommitBlock current{}; // not in paged pool, which the bus driver cannot fill
+    if (NT_SUCCESS(UvcStreamingRequest(*this, false, kGetCur, current)))
+        descriptors->committed = current;
     ParseDescriptors(link->ConfigurationBytes(), *descriptors);
 
     status = CreateControls();

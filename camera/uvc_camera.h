@@ -93,8 +93,9 @@ class UvcCamera {
     NTSTATUS QueryFrameIntervals(ULONG rangeIndex, LONG width, LONG height, LONGLONG *intervals, ULONG room,
                                  ULONG &count);
 
-    // Draws the three statistics lines into a finished frame when the overlay is on. IRQL: <= DISPATCH_LEVEL.
-    void DrawStatistics(UCHAR *frameData);
+    // Draws the three statistics lines into a finished frame when the overlay is on and the buffer holds the picture.
+    // IRQL: <= DISPATCH_LEVEL.
+    void DrawStatistics(const FrameRecord &frame);
 
     ULONG ProductId() const { return productId_; }
 
