@@ -21,14 +21,14 @@ struct BulkTransfer {
     _URB_BULK_OR_INTERRUPT_TRANSFER urb;
     PIRP irp;
     LONG inFlight; // atomic
-    KEVENT done;   // signalled while the transfer is idle and will not be resubmitted
+    KEVENT done;   // signalled while the transfer is idle and nobody is about to resubmit it
     UCHAR *buffer; // non-paged, `size` bytes
     ULONG size;
     PMDL mdl;
 };
 
 struct BulkStreamEngine {
-    bool zeroBuffers; // clear each buffer before every submission
+    bool zeroBuffers; // clear each buffer before every submission; may change while transfers flow
     UvcCamera *owner;
     PayloadCallback callback; // may be null
     bool started;
@@ -39,6 +39,11 @@ struct BulkStreamEngine {
     ULONG transferCount;
     WorkItemTracker workItems;
     LONG resetPending; // atomic: a reset work item is queued or running
+
+    // Passed by every resubmission and closed by a stop or a reset before it aborts the pipe: an abort does not reach a
+    // transfer that is still on its way down.
+    Rundown resubmissions;
+    KEVENT launched; // signalled once a start has submitted its transfers; a reset waits, so that only one of both does
 };
 
 // A zeroed engine with its tracker closed, or null without memory. IRQL: PASSIVE_LEVEL.

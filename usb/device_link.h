@@ -32,7 +32,7 @@ struct UsbDeviceLink {
     PDEVICE_OBJECT lowerDevice; // target of every submission
     PoolPointer<USB_DEVICE_DESCRIPTOR, pool_tag::UsbPipe> deviceDescriptor;
     PoolPointer<USB_CONFIGURATION_DESCRIPTOR, pool_tag::UsbPipe> configuration;
-    ULONG configurationLength = 0; // bytes that the device really sent
+    ULONG configurationLength = 0; // bytes that the device really sent; wTotalLength is never larger
     USBD_CONFIGURATION_HANDLE configurationHandle = nullptr;
 
     // One slot per interface number: null, or a private copy of what the bus driver last returned for it.
@@ -55,6 +55,9 @@ NTSTATUS UsbSelectStreamingInterface(UsbDeviceLink &link);
 
 // Replaces the copy in `slot`; a null information only frees it. STATUS_INVALID_PARAMETER beyond the last slot.
 NTSTATUS UsbStoreInterfaceInformation(UsbDeviceLink &link, ULONG slot, const USBD_INTERFACE_INFORMATION *information);
+
+// Frees the copies of all slots, the slots and the list of interface descriptors. IRQL: <= DISPATCH_LEVEL.
+void UsbForgetInterfaces(UsbDeviceLink &link);
 
 // Reads a string by purpose (256, 257, 258) or by index (low byte). Without a device descriptor
 // STATUS_DEVICE_CONFIGURATION_ERROR; index 0 means that the device has no such string: the text becomes empty.

@@ -22,7 +22,7 @@ struct FramePool {
 
 void FramePoolInitialise(FramePool &pool);
 
-// Four buffers of `frameSize` bytes. STATUS_NO_MEMORY when one cannot be had. IRQL: PASSIVE_LEVEL.
+// Four buffers of `frameSize` bytes. STATUS_NO_MEMORY when one cannot be had; none is then left. IRQL: PASSIVE_LEVEL.
 NTSTATUS FramePoolCreate(FramePool &pool, ULONG frameSize);
 
 // Appends to the current buffer. STATUS_SUCCESS with `out` set when the buffer is full or forced out,
@@ -30,8 +30,12 @@ NTSTATUS FramePoolCreate(FramePool &pool, ULONG frameSize);
 // free buffer. IRQL: <= DISPATCH_LEVEL. Lock: takes the pool lock.
 NTSTATUS FramePoolAppend(FramePool &pool, const UCHAR *data, ULONG length, bool force, PoolBuffer *&out);
 
-// Forgets what the current buffer holds. IRQL: <= DISPATCH_LEVEL. Lock: takes the pool lock.
-void FramePoolRewind(FramePool &pool);
+// Whether a buffer is being filled. IRQL: <= DISPATCH_LEVEL. Lock: takes the pool lock.
+bool FramePoolIsFilling(FramePool &pool);
+
+// Forgets what the current buffer holds; returns how many bytes that were. IRQL: <= DISPATCH_LEVEL. Lock: takes the
+// pool lock.
+ULONG FramePoolRewind(FramePool &pool);
 
 // Gives a buffer back. IRQL: <= DISPATCH_LEVEL. Lock: takes the pool lock.
 void FramePoolPut(FramePool &pool, PoolBuffer *buffer);

@@ -30,8 +30,8 @@ struct ProbeCommitBlock {
 #pragma pack(pop)
 static_assert(sizeof(ProbeCommitBlock) == 34);
 
-// One request on the probe (commit false) or commit control: SET_CUR or GET_CUR of the 34-byte block.
-// IRQL: PASSIVE_LEVEL.
+// One request on the probe (commit false) or commit control: SET_CUR or GET_CUR of the 34-byte block, which
+// may be paged and stays as it was when the request fails. IRQL: PASSIVE_LEVEL.
 NTSTATUS UvcStreamingRequest(UvcCamera &camera, bool commit, UCHAR request, ProbeCommitBlock &block);
 
 // Agrees with the camera on `format` and keeps the committed block and the format in the camera object. A failed probe

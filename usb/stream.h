@@ -11,6 +11,7 @@
 
 #include "usb/bulk_engine.h"
 #include "usb/frame_pool.h"
+#include "usb/frame_rate.h"
 #include "usb/frame_sink.h"
 #include "usb/probe_commit.h"
 #include "usb/stream_worker.h"
@@ -18,14 +19,6 @@
 namespace uvc {
 
 inline constexpr UCHAR kFidUnknown = 255;
-
-struct FrameRate {
-    LONGLONG startTime; // performance counter
-    ULONG deliveredAtStart;
-    ULONG periodMs;            // 3000
-    ULONG hundredths;          // frames per second x 100
-    LONGLONG counterFrequency; // read once
-};
 
 struct StreamState {
     KMUTEX mutex;

@@ -17,6 +17,10 @@ NTSTATUS UsbSubmitUrb(PDEVICE_OBJECT lowerDevice, URB *urb, LONG timeoutMs);
 // should have filled. IRQL: PASSIVE_LEVEL.
 NTSTATUS UsbSubmitUrbOrFail(PDEVICE_OBJECT lowerDevice, URB *urb, LONG timeoutMs);
 
+// Reads at most `length` bytes of the device's first descriptor of a type into non-paged memory; `received` becomes
+// what it sent. IRQL: PASSIVE_LEVEL.
+NTSTATUS UsbGetDescriptor(PDEVICE_OBJECT lowerDevice, UCHAR type, void *buffer, ULONG length, ULONG &received);
+
 // Reads the 18-byte device descriptor. STATUS_INVALID_PARAMETER for a null buffer. IRQL: PASSIVE_LEVEL.
 NTSTATUS UsbGetDeviceDescriptor(PDEVICE_OBJECT lowerDevice, USB_DEVICE_DESCRIPTOR *descriptor);
 
@@ -30,7 +34,8 @@ NTSTATUS UsbGetStringDescriptor(PDEVICE_OBJECT lowerDevice, UCHAR index, UNICODE
 // do not show. IRQL: PASSIVE_LEVEL.
 NTSTATUS UsbPipeRequest(PDEVICE_OBJECT lowerDevice, const USBD_PIPE_INFORMATION *pipe, USHORT urbFunction);
 
-// Sends an internal control code without buffers and waits without time-out. IRQL: PASSIVE_LEVEL.
+// Sends an internal control code without buffers and waits without time-out. STATUS_INVALID_HANDLE without a device.
+// IRQL: PASSIVE_LEVEL.
 NTSTATUS UsbSendInternalIoctl(PDEVICE_OBJECT lowerDevice, ULONG controlCode);
 
 } // namespace uvc

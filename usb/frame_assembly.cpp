@@ -1,0 +1,212 @@
+#include "usb/frame_assembly.h"
+
+#include "camera/uvc_camera.h"
+#include "platform/lock.h"
+#include "platform/shared_field.h"
+#include "usb/payload_header.h"
+
+#include <algorithm>
+
+namespace uvc {
+
+namespace {
+
+bool DiscardsIncomplete(const UvcCamera &camera) {
+    return SharedLoad(camera.parameters.discardIncomplete);
+}
+
+ULONG FrameSize(const UvcCamera &camera) {
+    return camera.stream.sensor.bmiHeader.biSizeImage;
+}
+
+bool IsFull(const FrameRecord &record) {
+    return *record.bytesUsed >= record.size;
+}
+
+// Queues a collected image to the worker. STATUS_CANCELLED for an image that is short or that the worker has no room
+// for, STATUS_INSUFFICIENT_RESOURCES for other failures; the buffer is then back in the pool.
+NTSTATUS QueueCollected(UvcCamera &camera, PoolBuffer &buffer) {
+    NTSTATUS status = STATUS_CANCELLED;
+    if (!DiscardsIncomplete(camera) || buffer.fill >= FrameSize(camera))
+        status = WorkerQueue(camera, &buffer, buffer.data, buffer.fill);
+    if (NT_SUCCESS(status))
+        return status;
+    FramePoolPut(camera.stream.pool, &buffer);
+    return status == STATUS_CANCELLED ? status : STATUS_INSUFFICIENT_RESOURCES;
+}
+
+// The three ways of assembly. `end` comes in as the payload's end of frame and goes out as whether the frame has ended:
+// what the next payload is expected to begin.
+
+NTSTATUS AssembleDirect(UvcCamera &camera, const Payload &payload, bool &end) {
+    FrameRecord &record = camera.stream.currentFrame;
+    if (record.frame == nullptr)
+        camera.GetOutputFrame(record);
+    if (record.frame == nullptr)
+        return STATUS_SUCCESS;
+    const ULONG room = record.size - *record.bytesUsed;
+    const ULONG taken = static_cast<ULONG>(std::min<SIZE_T>(room, payload.data.size()));
+    RtlCopyMemory(record.data + *record.bytesUsed, payload.data.data(), taken);
+    *record.bytesUsed += taken;
+
+    const bool full = IsFull(record);
+    if (!full && !end)
+        return STATUS_SUCCESS;
+    // A full frame without an end is dropped whatever the setting: there is more of it than the format allows.
+    if (full ? end : !DiscardsIncomplete(camera))
+        camera.CompleteFrame(record);
+    else
+        camera.DropFrame(record, false);
+    end = true;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS AssembleCollected(UvcCamera &camera, const Payload &payload, bool &end) {
+    StreamState &stream = camera.stream;
+    // The bytes of a frame that ends short must not stay: the next frame, which brings the expected FID, would continue
+    // them, and every later frame would be shifted.
+    const bool force = end && !DiscardsIncomplete(camera);
+    PoolBuffer *buffer = nullptr;
+    const NTSTATUS status =
+        FramePoolAppend(stream.pool, payload.data.data(), static_cast<ULONG>(payload.data.size()), force, buffer);
+    if (buffer == nullptr) {
+        if (end && FramePoolRewind(stream.pool) != 0)
+            SharedAdd(stream.dropped, 1u);
+        return status == STATUS_MORE_PROCESSING_REQUIRED ? STATUS_SUCCESS : status;
+    }
+    end = true;
+    if (buffer->fill != 0)
+        return QueueCollected(camera, *buffer);
+    FramePoolPut(stream.pool, buffer); // an end without data, behind a complete frame
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS AssembleWholeTransfer(UvcCamera &camera, BulkTransfer &transfer, const Payload &payload, bool &end) {
+    end = true;
+    const auto length = static_cast<ULONG>(payload.data.size());
+    if (DiscardsIncomplete(camera) && length < FrameSize(camera))
+        return STATUS_CANCELLED;
+    NTSTATUS status = WorkerQueue(camera, &transfer, payload.data.data(), length);
+    return NT_SUCCESS(status) ? STATUS_MORE_PROCESSING_REQUIRED : status;
+}
+
+// A payload of the next frame has come without an end of the one before. False when the payload is to be ignored.
+bool EndFrameByFid(UvcCamera &camera) {
+    StreamState &stream = camera.stream;
+    if (stream.workerMode) {
+        FramePoolRewind(stream.pool);
+        return true;
+    }
+    FrameRecord &record = stream.currentFrame;
+    if (record.frame == nullptr || *record.bytesUsed == 0)
+        return false;
+    if (IsFull(record) || !DiscardsIncomplete(camera))
+        camera.CompleteFrame(record);
+    else
+        camera.DropFrame(record, false);
+    return true;
+}
+
+NTSTATUS ProcessPayload(UvcCamera &camera, BulkTransfer &transfer, const Payload &payload) {
+    StreamState &stream = camera.stream;
+    if (stream.lastFid == kFidUnknown)
+        SharedStore(stream.lastFid, payload.fid);
+    if (payload.fid != stream.lastFid) {
+        if (!EndFrameByFid(camera))
+            return STATUS_SUCCESS; // the last FID stays: the frame that it announced may still come
+        SharedStore(stream.lastFid, payload.fid);
+    }
+    bool end = payload.endOfFrame;
+    const NTSTATUS status = !stream.workerMode  ? AssembleDirect(camera, payload, end)
+                            : stream.collecting ? AssembleCollected(camera, payload, end)
+                                                : AssembleWholeTransfer(camera, transfer, payload, end);
+    if (end)
+        SharedStore(stream.lastFid, static_cast<UCHAR>(payload.fid ^ 1));
+    return status;
+}
+
+// One payload spans several transfers: a header begins it, and the first piece without a header ends the frame. The FID
+// is not followed.
+void ProcessPiece(UvcCamera &camera, std::span<const std::uint8_t> bytes) {
+    FramePool &pool = camera.stream.pool;
+    const Payload payload = ParsePayload(bytes);
+    if (payload.valid) {
+        FramePoolRewind(pool);
+        bytes = payload.data;
+    } else if (!FramePoolIsFilling(pool)) {
+        return;
+    }
+    PoolBuffer *buffer = nullptr;
+    static_cast<void>(FramePoolAppend(pool, bytes.data(), static_cast<ULONG>(bytes.size()), !payload.valid, buffer));
+    if (buffer != nullptr)
+        static_cast<void>(QueueCollected(camera, *buffer)); // a refused frame costs no transfer here
+}
+
+} // namespace
+
+NTSTATUS OnBulkPayload(BulkStreamEngine &, BulkTransfer &transfer, UvcCamera &camera, const UCHAR *buffer,
+                       ULONG length) {
+    constexpr ULONG kShortestHeader = 2;
+    if (buffer == nullptr || length < kShortestHeader)
+        return STATUS_SUCCESS;
+    StreamState &stream = camera.stream;
+    SpinLockGuard guard(stream.frameLock);
+    if (SharedLoad(stream.stopping) != 0)
+        return STATUS_CANCELLED;
+    if (stream.largePayloads) {
+        ProcessPiece(camera, {buffer, length});
+        return STATUS_SUCCESS;
+    }
+    const Payload payload = ParsePayload({buffer, length});
+    if (!payload.valid)
+        return STATUS_SUCCESS;
+    const NTSTATUS status = ProcessPayload(camera, transfer, payload);
+    const bool concernsTransfer = status == STATUS_MORE_PROCESSING_REQUIRED || status == STATUS_CANCELLED;
+    return concernsTransfer ? status : STATUS_SUCCESS;
+}
+
+void GetOutputFrame(UvcCamera &camera, FrameRecord &record) {
+    record = {};
+    KSSTREAM_POINTER *frame = camera.sink->AcquireFrame();
+    if (frame == nullptr) {
+        SharedAdd(camera.stream.noBuffer, 1u);
+        return;
+    }
+    KSSTREAM_HEADER &header = *frame->StreamHeader;
+    record = {.frame = frame,
+              .data = static_cast<UCHAR *>(header.Data),
+              .size = header.FrameExtent,
+              .bytesUsed = &header.DataUsed};
+    *record.bytesUsed = 0; // applications queue headers with anything in there
+    if (SharedLoad(camera.parameters.zeroBuffers))
+        RtlZeroMemory(record.data, record.size);
+}
+
+void CompleteOutputFrame(UvcCamera &camera, FrameRecord &record) {
+    StreamState &stream = camera.stream;
+    if (record.frame != nullptr) {
+        camera.DrawStatistics(record);
+        *record.bytesUsed = record.size; // always the full size, also of a frame that came short
+        camera.sink->CompleteFrame(record.frame, STATUS_SUCCESS);
+        SharedAdd(stream.delivered, 1u);
+    }
+    record = {};
+    if (SharedLoad(camera.parameters.measureFrameRate) && SharedLoad(camera.parameters.statisticsOverlay))
+        FrameRateUpdate(stream.rate, SharedLoad(stream.delivered));
+}
+
+void DropOutputFrame(UvcCamera &camera, FrameRecord &record, bool release) {
+    if (release) {
+        if (record.frame == nullptr)
+            return; // nothing was lost
+        camera.sink->CompleteFrame(record.frame, STATUS_CANCELLED);
+        record = {};
+    } else {
+        camera.sink->CompleteFrame(nullptr, STATUS_SUCCESS); // the interval counts as lost, the buffer is filled anew
+        if (record.bytesUsed != nullptr)
+            *record.bytesUsed = 0;
+    }
+    SharedAdd(camera.stream.dropped, 1u);
+}
+
+} // namespace uvc
