@@ -111,7 +111,7 @@ constexpr CameraControl kIndustrialGain = Ranged(4, 2, 64, 1023, 64);
 constexpr std::array<std::uint8_t, 19> kTerminalBits = {1,  2,  3,  4,  5,  6, 7, 9, 10, 11,
                                                         12, 13, 14, 15, 16, 0, 0, 8, 17};
 constexpr std::array<std::uint8_t, 18> kProcessingBits = {2, 3, 6,  7,  8,  9,  10, 12, 1,
-                                                          4, 5, 11, 13, 14, 15, 16, 17, 18};
+                                                          4, 5, 16, 11, 13, 14, 15, 17, 18};
 
 std::uint8_t SelectorOf(EntityKind kind, std::size_t bit, SelectorRule rule) {
     if (rule == SelectorRule::Standard && kind == EntityKind::CameraTerminal)

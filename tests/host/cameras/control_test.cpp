@@ -1,0 +1,252 @@
+#include "tests/host/cameras/camera_harness.h"
+
+namespace host::cameras {
+namespace {
+
+constexpr std::uint8_t kCur = 0x81, kMin = 0x82, kMax = 0x83, kRes = 0x84, kLen = 0x85, kInfo = 0x86, kDef = 0x87;
+
+std::optional<Bytes> Ask(SimulatedCamera &camera, std::uint8_t request, std::uint8_t entity, std::uint8_t selector,
+                         std::uint16_t length) {
+    return Get(camera, 0xA1, request, static_cast<std::uint16_t>(selector << 8),
+               static_cast<std::uint16_t>(entity << 8), length);
+}
+
+bool Tell(SimulatedCamera &camera, std::uint8_t entity, std::uint8_t selector, Bytes data) {
+    return Set(camera, 0x21, 0x01, static_cast<std::uint16_t>(selector << 8), static_cast<std::uint16_t>(entity << 8),
+               std::move(data));
+}
+
+TEST(Negotiation, SettlesOnWhatThereIs) {
+    // 8201: format 1 with frames 1 (640x480), 2 (320x240) and 3 (1280x960).
+    const struct {
+        std::uint8_t format, frame;
+        std::uint32_t interval;
+        std::uint8_t settledFrame;
+        std::uint32_t settledInterval, frameSize;
+    } kRows[] = {
+        {1, 1, 333333, 1, 333333, 307200},       {1, 2, 333333, 2, 333333, 76800},   {1, 2, 1, 2, 62500, 76800},
+        {1, 3, 0xFFFFFFFF, 3, 2000000, 1228800}, {1, 3, 149073, 3, 131578, 1228800}, {1, 3, 149200, 3, 166666, 1228800},
+        {1, 3, 149122, 3, 131578, 1228800},      {9, 200, 0, 3, 333333, 1228800},    {0, 0, 333333, 1, 333333, 307200},
+    };
+    const auto camera = Make("sim:8201");
+    ASSERT_TRUE(Configure(*camera));
+    for (const auto &row : kRows) {
+        ASSERT_TRUE(SetProbe(*camera, Block(row.format, row.frame, row.interval)));
+        const Bytes probe = GetProbe(*camera);
+        ASSERT_EQ(probe.size(), 34u);
+        EXPECT_EQ(Little(probe, 0, 2), 1u) << "the hint comes back";
+        EXPECT_EQ(probe[2], 1);
+        EXPECT_EQ(probe[3], row.settledFrame) << row.interval;
+        EXPECT_EQ(Little(probe, 4, 4), row.settledInterval) << row.interval;
+        EXPECT_EQ(Little(probe, 18, 4), row.frameSize);
+        EXPECT_EQ(Little(probe, 22, 4), 49152u);
+        EXPECT_EQ(Little(probe, 26, 4), 10'000'000u);
+        EXPECT_EQ((Bytes{probe[30], probe[31], probe[32], probe[33]}), (Bytes{3, 1, 1, 1}));
+    }
+    EXPECT_EQ(Little(GetProbe(*camera, kMin), 4, 4), 114942u);
+    EXPECT_EQ(Little(GetProbe(*camera, kMax), 4, 4), 2000000u);
+    EXPECT_EQ(Get(*camera, 0xA1, kLen, 0x0100, 1, 2), (Bytes{34, 0}));
+    EXPECT_EQ(Get(*camera, 0xA1, kInfo, 0x0200, 1, 1), Bytes{3});
+    EXPECT_FALSE(SetProbe(*camera, Bytes(25))) << "too short";
+    EXPECT_TRUE(SetProbe(*camera, Bytes(26)));
+    EXPECT_FALSE(Get(*camera, 0xA1, kCur, 0x0300, 1, 34)) << "no still images";
+    EXPECT_FALSE(Set(*camera, 0x21, 0x01, 0x0200, 1, Block(1, 7, 333333))) << "commits only what it has";
+}
+
+TEST(Negotiation, RoundsAContinuousIntervalToItsStep) {
+    const auto camera = Make("sim:8207");
+    ASSERT_TRUE(Configure(*camera));
+    const std::pair<std::uint32_t, std::uint32_t> kRows[] = {{333333, 333333}, {333338, 333343}, {333337, 333333},
+                                                             {1, 333333},      {500006, 500003}, {4000000, 2000000}};
+    for (const auto &[wanted, settled] : kRows) {
+        ASSERT_TRUE(SetProbe(*camera, Block(1, 1, wanted)));
+        EXPECT_EQ(Little(GetProbe(*camera), 4, 4), settled) << wanted;
+    }
+}
+
+TEST(Negotiation, SecondLookShowsTheCommittedState) {
+    const auto camera = Make("sim:8101");
+    ASSERT_TRUE(Configure(*camera));
+    const Bytes before = GetProbe(*camera);
+    EXPECT_EQ(before[2], 1);
+    EXPECT_EQ(before[3], 1);
+    ASSERT_TRUE(Commit(*camera, 3, 2, 666666));
+    EXPECT_EQ(camera->Counters().commits, 1u);
+    const Bytes probe = GetProbe(*camera);
+    EXPECT_EQ(probe, Get(*camera, 0xA1, kCur, 0x0200, 1, 34));
+    EXPECT_EQ(Bytes(probe.begin() + 2, probe.begin() + 8), (Bytes{3, 2, 0x2A, 0x2C, 0x0A, 0}));
+    EXPECT_EQ(GetProbe(*camera, kDef), before);
+    camera->ResetPort();
+    ASSERT_TRUE(Configure(*camera));
+    EXPECT_EQ(GetProbe(*camera), before);
+}
+
+// Entities: 1 camera terminal, 2 processing unit, 3 extension unit.
+TEST(Controls, AnswerWithTheirRange) {
+    const struct {
+        const char *camera;
+        std::uint8_t entity, selector;
+        Bytes minimum, maximum, usual;
+    } kRows[] = {
+        {"sim:generic", 1, 4, {1, 0, 0, 0}, {0x20, 0x4E, 0, 0}, {0x4D, 1, 0, 0}},
+        {"sim:generic", 1, 6, {0, 0}, {0xE8, 3}, {0xF4, 1}},
+        {"sim:generic", 1, 15, {0x4C, 0xFF}, {0xB4, 0}, {0, 0}},
+        {"sim:generic", 2, 2, {0xC0, 0xFF}, {0x40, 0}, {0, 0}},
+        {"sim:generic", 2, 6, {0x30, 0xF8}, {0xD0, 7}, {0, 0}},
+        {"sim:generic", 2, 12, {0, 0, 0, 0}, {0xFF, 3, 0xFF, 3}, {0, 1, 0, 1}},
+        {"sim:8101", 3, 4, {0, 0, 0, 0}, {0xFF, 0, 0, 0}, {0x80, 0, 0, 0}},
+        {"sim:8201", 2, 4, {64, 0}, {0xFF, 3}, {64, 0}},
+        {"sim:8205", 1, 6, {0, 0}, {0xE8, 3}, {0xF4, 1}},
+    };
+    for (const auto &row : kRows) {
+        const auto camera = Make(row.camera);
+        ASSERT_TRUE(Configure(*camera));
+        const auto size = static_cast<std::uint16_t>(row.minimum.size());
+        const std::string what =
+            std::string(row.camera) + " " + std::to_string(row.entity) + "." + std::to_string(row.selector);
+        EXPECT_EQ(Ask(*camera, kLen, row.entity, row.selector, 2), (Bytes{static_cast<std::uint8_t>(size), 0})) << what;
+        EXPECT_EQ(Ask(*camera, kInfo, row.entity, row.selector, 1), Bytes{3}) << what;
+        EXPECT_EQ(Ask(*camera, kMin, row.entity, row.selector, size), row.minimum) << what;
+        EXPECT_EQ(Ask(*camera, kMax, row.entity, row.selector, size), row.maximum) << what;
+        EXPECT_EQ(Ask(*camera, kDef, row.entity, row.selector, size), row.usual) << what;
+        EXPECT_EQ(Ask(*camera, kCur, row.entity, row.selector, size), row.usual) << what;
+        EXPECT_EQ(Ask(*camera, kRes, row.entity, row.selector, size)->at(0), 1) << what;
+        for (const Bytes &value : {row.minimum, row.maximum}) {
+            EXPECT_TRUE(Tell(*camera, row.entity, row.selector, value)) << what;
+            EXPECT_EQ(Ask(*camera, kCur, row.entity, row.selector, size), value) << what;
+        }
+        // One beyond the maximum.
+        Bytes beyond = row.maximum;
+        for (std::size_t i = 0; i < beyond.size() && ++beyond[i] == 0; ++i) {
+        }
+        EXPECT_FALSE(Tell(*camera, row.entity, row.selector, beyond)) << what;
+        EXPECT_EQ(Ask(*camera, kCur, row.entity, row.selector, size), row.maximum) << what;
+        EXPECT_EQ(Ask(*camera, kCur, 0, 2, 1), Bytes{0}) << "the last request went well";
+    }
+}
+
+TEST(Controls, EveryAnnouncedSelectorAnswers) {
+    for (const CameraListing &listing : ListCameras()) {
+        const auto camera = Make(listing.name);
+        ASSERT_TRUE(Configure(*camera));
+        for (const Entity &entity : camera->Function().entities) {
+            for (std::size_t bit = 0; bit < entity.controls.size() * 8; ++bit) {
+                const bool announced = (entity.controls[bit / 8] >> (bit % 8) & 1) != 0;
+                const auto selector = static_cast<std::uint8_t>(bit + 1);
+                EXPECT_EQ(Ask(*camera, kCur, entity.id, selector, 8).has_value(), announced)
+                    << listing.name << " " << int{entity.id} << "." << bit + 1;
+            }
+        }
+    }
+}
+
+TEST(Controls, StallAndSayWhy) {
+    const auto camera = Make("sim:generic");
+    ASSERT_TRUE(Configure(*camera));
+    const struct {
+        std::uint8_t request, entity, selector;
+        Bytes data; // SET_CUR's
+        int reason;
+    } kRows[] = {
+        {kMin, 1, 2, {}, 7},  // a choice of bits has no minimum
+        {kMax, 1, 8, {}, 7},  // nor a switch a maximum
+        {kRes, 2, 16, {}, 7}, //
+        {0x88, 1, 4, {}, 7},  // no such request
+        {kCur, 1, 5, {}, 6},  // not announced
+        {kCur, 3, 1, {}, 5},  // no extension unit
+        {0x01, 2, 11, {2}, 4}, {0x01, 1, 2, {4}, 4}, {0x01, 1, 2, {3}, 4}, {0x01, 1, 4, {1}, 7}, // too short
+    };
+    for (const auto &row : kRows) {
+        const bool accepted = row.request == 0x01 ? Tell(*camera, row.entity, row.selector, row.data)
+                                                  : Ask(*camera, row.request, row.entity, row.selector, 4).has_value();
+        EXPECT_FALSE(accepted) << int{row.request} << " " << int{row.entity} << "." << int{row.selector};
+        EXPECT_EQ(Ask(*camera, kCur, 0, 2, 1), Bytes{static_cast<std::uint8_t>(row.reason)})
+            << int{row.request} << " " << int{row.entity} << "." << int{row.selector};
+    }
+    EXPECT_TRUE(Tell(*camera, 1, 2, {2}));
+    EXPECT_EQ(Ask(*camera, kRes, 1, 2, 1), Bytes{3});
+
+    const std::vector<ControlRecord> log = camera->ControlLog();
+    ASSERT_GE(log.size(), 3u);
+    const ControlRecord &last = log.back();
+    EXPECT_EQ(last.setup.request, kRes);
+    EXPECT_EQ(last.data, Bytes{3});
+    EXPECT_FALSE(log[1].accepted);
+    EXPECT_EQ(camera->Counters().controlRequests, log.size());
+}
+
+TEST(VendorRequests, ByFamily) {
+    constexpr std::uint8_t kOut = 0x40, kIn = 0xC0;
+    const struct {
+        std::uint8_t type, request;
+        std::uint16_t value, index, length;
+        const char *answer; // by generic, 8101, 8102, 8201: y or -
+    } kRows[] = {
+        {kIn, 0x16, 0, 0, 2, "-yyy"},  {kIn, 0x17, 0, 0, 2, "-yy-"},       {kOut, 0x19, 0, 0, 4, "-yy-"},
+        {kOut, 0x19, 0, 0, 3, "----"}, {kIn, 0x20, 0, 0, 8, "--yy"},       {kOut, 0x21, 1, 2, 1, "---y"},
+        {kOut, 0x21, 1, 2, 0, "----"}, {kOut, 0x22, 6, 0, 0, "---y"},      {kOut, 0x22, 9, 0, 0, "----"},
+        {kIn, 0x16, 1, 0, 2, "----"},  {kIn, 0x16, 0, 1, 2, "----"},       {kOut, 0x16, 0, 0, 2, "----"},
+        {0xC1, 0x16, 0, 0, 2, "----"}, {kOut, 0x42, 0xB0C4, 0, 0, "----"}, {kOut, 0x42, 0xB0C4, 0x2E71, 0, "-yy-"},
+        {kIn, 0x18, 0, 0, 2, "----"},
+    };
+    const char *const kNames[] = {"sim:generic", "sim:8101", "sim:8102", "sim:8201"};
+    for (std::size_t i = 0; i < 4; ++i) {
+        const auto camera = Make(kNames[i]);
+        ASSERT_TRUE(Configure(*camera));
+        for (const auto &row : kRows) {
+            const bool accepted =
+                (row.type & 0x80) != 0
+                    ? Get(*camera, row.type, row.request, row.value, row.index, row.length).has_value()
+                    : Set(*camera, row.type, row.request, row.value, row.index, Bytes(row.length));
+            EXPECT_EQ(accepted, row.answer[i] == 'y') << kNames[i] << " " << int{row.request} << " " << row.value;
+        }
+    }
+}
+
+TEST(VendorRequests, AnswerAndAct) {
+    const auto description = [](const char *name) { return Get(*Make(name), 0xC0, 0x20, 0, 0, 8).value_or(Bytes{}); };
+    EXPECT_EQ(description("sim:8102"), (Bytes{1, 0x09, 3, 0, 0x40, 6, 0xB0, 4}));
+    EXPECT_EQ(description("sim:8202"), (Bytes{1, 0x0C, 0, 0, 0, 5, 0xC0, 3}));
+    EXPECT_EQ(description("sim:8205"), (Bytes{1, 0x1F, 2, 0, 0x20, 0x0A, 0x98, 7}));
+    EXPECT_EQ(Get(*Make("sim:8101"), 0xC0, 0x16, 0, 0, 2), (Bytes{0x23, 1}));
+    EXPECT_EQ(Get(*Make("sim:8207"), 0xC0, 0x16, 0, 0, 2), (Bytes{0, 0}));
+
+    // Code 7 at width 320 is an interval of 62500; it lasts until the next commit.
+    const auto camera = Make("sim:8201");
+    ASSERT_TRUE(Configure(*camera));
+    ASSERT_TRUE(Commit(*camera, 1, 2, 333333));
+    ASSERT_TRUE(Set(*camera, 0x40, 0x22, 7, 0));
+    EXPECT_FALSE(ReadFrame(*camera, 0).empty());
+    EXPECT_TRUE(ReadFrame(*camera, 62499).empty());
+    EXPECT_FALSE(ReadFrame(*camera, 62500).empty());
+    EXPECT_EQ(camera->CommittedFormat().interval, 62500u);
+    EXPECT_EQ(Little(GetProbe(*camera), 4, 4), 333333u);
+    ASSERT_TRUE(Commit(*camera, 1, 2, 333333));
+    EXPECT_EQ(camera->CommittedFormat().interval, 333333u);
+
+    const auto restarted = Make("sim:8101");
+    ASSERT_TRUE(Configure(*restarted));
+    ReadFrame(*restarted, 0);
+    EXPECT_EQ(Get(*restarted, 0xC0, 0x17, 0, 0, 2), (Bytes{1, 0}));
+    ASSERT_TRUE(Set(*restarted, 0x40, 0x42, 0xB0C4, 0x2E71));
+    EXPECT_EQ(Get(*restarted, 0x80, 8, 0, 0, 1), Bytes{0}) << "not configured";
+    EXPECT_EQ(Get(*restarted, 0xC0, 0x17, 0, 0, 2), (Bytes{0, 0}));
+}
+
+TEST(StandardRequests, KeepTheirRules) {
+    const auto camera = Make("sim:generic");
+    EXPECT_FALSE(Set(*camera, 0x01, 11, 0, 1)) << "no interface before a configuration";
+    EXPECT_FALSE(Ask(*camera, kCur, 1, 4, 4)) << "no class request either";
+    EXPECT_FALSE(Set(*camera, 0x00, 9, 2, 0));
+    EXPECT_TRUE(Set(*camera, 0x00, 9, 1, 0));
+    EXPECT_EQ(Get(*camera, 0x80, 8, 0, 0, 1), Bytes{1});
+    EXPECT_TRUE(Set(*camera, 0x01, 11, 0, 1));
+    EXPECT_FALSE(Set(*camera, 0x01, 11, 1, 1)) << "there is one alternate setting";
+    EXPECT_FALSE(Set(*camera, 0x01, 11, 0, 2));
+    EXPECT_EQ(Get(*camera, 0x81, 10, 0, 1, 1), Bytes{0});
+    EXPECT_EQ(Get(*camera, 0x80, 0, 0, 0, 2), (Bytes{0, 0}));
+    EXPECT_FALSE(Set(*camera, 0x00, 1, 1, 0)) << "no remote wake-up";
+}
+
+} // namespace
+} // namespace host::cameras
