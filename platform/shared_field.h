@@ -3,13 +3,15 @@
 // ThreadSanitizer from assuming otherwise.
 #pragma once
 
+#include <type_traits>
+
 template <class T> T SharedLoad(const T &field) {
     return __atomic_load_n(&field, __ATOMIC_RELAXED);
 }
-template <class T> void SharedStore(T &field, T value) {
+template <class T> void SharedStore(T &field, std::type_identity_t<T> value) {
     __atomic_store_n(&field, value, __ATOMIC_RELAXED);
 }
-template <class T> void SharedAdd(T &field, T amount) {
+template <class T> void SharedAdd(T &field, std::type_identity_t<T> amount) {
     __atomic_fetch_add(&field, amount, __ATOMIC_RELAXED);
 }
 

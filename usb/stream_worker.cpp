@@ -84,12 +84,12 @@ imaging::ImageDescriptor DestinationOf(const WorkerNode &node, const imaging::Im
                                        LONG outputHeight) {
     const KS_BITMAPINFOHEADER &output = node.camera->stream.output.bmiHeader;
     const auto rows = static_cast<ULONG>(outputHeight < 0 ? -static_cast<LONGLONG>(outputHeight) : outputHeight);
-    const ULONG width = std::min(source.width, static_cast<ULONG>(output.biWidth));
+    const ULONG width = std::min<ULONG>(source.width, static_cast<ULONG>(output.biWidth));
     return {.data = node.frame.data,
             .size = node.frame.size,
             .fourcc = OutputFourCc(output),
             .width = width,
-            .height = std::min(source.height, rows),
+            .height = std::min<ULONG>(source.height, rows),
             .stride = output.biBitCount * width / 8};
 }
 
