@@ -13,9 +13,10 @@ void CameraFamilyB::Destroy(ULONG flags) {
 
 NTSTATUS CameraFamilyB::CreateControls() {
     NTSTATUS status = CameraFamilyA::CreateControls();
+    if (NT_SUCCESS(status))
+        status = VendorReadDescription(*this, description_);
     if (!NT_SUCCESS(status))
         return status;
-    description_ = VendorReadDescription(*this);
     colourSamples_ = decltype(colourSamples_)::AllocateArray(NonPagedPool, kColourSampleBytes);
     return colourSamples_ ? STATUS_SUCCESS : STATUS_INSUFFICIENT_RESOURCES;
 }

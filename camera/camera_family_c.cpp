@@ -125,9 +125,10 @@ NTSTATUS CameraFamilyC::OptionalOperation() {
 
 NTSTATUS CameraFamilyC::CreateControls() {
     NTSTATUS status = UvcCamera::CreateControls();
+    if (NT_SUCCESS(status))
+        status = VendorReadDescription(*this, description_);
     if (!NT_SUCCESS(status))
         return status;
-    description_ = VendorReadDescription(*this);
     firmwareRevision_ = 0; // a camera without one stays at 0
     static_cast<void>(VendorReadWord(*this, kReadFirmwareRevision, firmwareRevision_));
     colourSamples_ = decltype(colourSamples_)::AllocateArray(NonPagedPool, kColourSampleBytes);

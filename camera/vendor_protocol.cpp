@@ -50,16 +50,18 @@ NTSTATUS VendorReadWord(UvcCamera &camera, VendorRequestCode request, ULONG &val
     return status;
 }
 
-CameraDescription VendorReadDescription(UvcCamera &camera) {
+NTSTATUS VendorReadDescription(UvcCamera &camera, CameraDescription &description) {
     constexpr UCHAR kVersion = 1;
     enum Feature : UCHAR { kColour = 1, kFocus = 2, kRegisters = 4, kBinning = 8, kRegion = 16 };
 
-    CameraDescription description{};
+    description = {};
     UCHAR bytes[sizeof(description.bytes)] = {};
     ULONG received = 0;
     NTSTATUS status = Receive(camera, kReadCameraDescription, bytes, sizeof(bytes), received);
+    if (status == STATUS_INSUFFICIENT_RESOURCES)
+        return status;
     if (!NT_SUCCESS(status) || received != sizeof(bytes) || bytes[0] != kVersion)
-        return description;
+        return STATUS_SUCCESS;
 
     RtlCopyMemory(description.bytes, bytes, sizeof(bytes));
     ByteCursor cursor{std::span<const std::uint8_t>(bytes)};
@@ -74,7 +76,7 @@ CameraDescription VendorReadDescription(UvcCamera &camera) {
     cursor.Skip(1);
     description.width = cursor.U16();
     description.height = cursor.U16();
-    return description;
+    return STATUS_SUCCESS;
 }
 
 } // namespace uvc

@@ -39,7 +39,8 @@ struct CameraDescription {
     USHORT height;
 };
 
-// A camera that refuses, cuts the answer short or speaks another version is monochrome without any feature.
-CameraDescription VendorReadDescription(UvcCamera &camera);
+// A camera that refuses, cuts the answer short or speaks another version is monochrome without any feature; only
+// STATUS_INSUFFICIENT_RESOURCES is a failure.
+NTSTATUS VendorReadDescription(UvcCamera &camera, CameraDescription &description);
 
 } // namespace uvc
