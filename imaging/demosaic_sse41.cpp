@@ -1,0 +1,16 @@
+// The row kernels of the SSE4.1 set.
+#include "imaging/demosaic_rows.h"
+#include "imaging/vector_sse41.h"
+
+namespace imaging {
+
+using sse41::VectorSet;
+
+constexpr RowKernel kSse41RowKernels[kModes] = {
+    DemosaicRow<VectorSet, 0>,  DemosaicRow<VectorSet, 1>,  DemosaicRow<VectorSet, 2>,  DemosaicRow<VectorSet, 3>,
+    DemosaicRow<VectorSet, 4>,  DemosaicRow<VectorSet, 5>,  DemosaicRow<VectorSet, 6>,  DemosaicRow<VectorSet, 7>,
+    DemosaicRow<VectorSet, 8>,  DemosaicRow<VectorSet, 9>,  DemosaicRow<VectorSet, 10>, DemosaicRow<VectorSet, 11>,
+    DemosaicRow<VectorSet, 12>, DemosaicRow<VectorSet, 13>, DemosaicRow<VectorSet, 14>, DemosaicRow<VectorSet, 15>,
+};
+
+} // namespace imaging

@@ -1,0 +1,108 @@
+// The vector operations that SSE2 already has. `Set` only gives every instruction set its own copies, so that the
+// linker can never put code compiled for one in the place of another's.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <emmintrin.h>
+
+#define IMAGING_INLINE [[gnu::always_inline]] static inline
+
+namespace imaging {
+
+template <class Set> struct CommonVector {
+    using Vector = __m128i; // sixteen bytes or eight words
+
+    IMAGING_INLINE Vector Load(const void *from) { return _mm_loadu_si128(static_cast<const __m128i *>(from)); }
+    IMAGING_INLINE Vector LoadAligned(const void *from) { return _mm_load_si128(static_cast<const __m128i *>(from)); }
+    // Sixteen bytes of which the last two are those at x - 1 and x; nothing in front of the row is read.
+    IMAGING_INLINE Vector EndingWith(const std::uint8_t *row, std::uint32_t x) {
+        const int word = row[x] << 8 | (x == 0 ? 0 : row[x - 1]);
+        return _mm_insert_epi16(_mm_setzero_si128(), word, 7);
+    }
+    IMAGING_INLINE void Store(void *to, Vector a) { _mm_storeu_si128(static_cast<__m128i *>(to), a); }
+
+    IMAGING_INLINE void StoreAligned(void *to, Vector a) { _mm_store_si128(static_cast<__m128i *>(to), a); }
+
+    // (a + b + 1) >> 1 of each byte.
+    IMAGING_INLINE Vector Average(Vector a, Vector b) { return _mm_avg_epu8(a, b); }
+    IMAGING_INLINE Vector Difference(Vector a, Vector b) {
+        return _mm_or_si128(_mm_subs_epu8(a, b), _mm_subs_epu8(b, a));
+    }
+    // All ones in the bytes where a <= b.
+    IMAGING_INLINE Vector AtMost(Vector a, Vector b) { return _mm_cmpeq_epi8(_mm_min_epu8(a, b), a); }
+
+    IMAGING_INLINE Vector Maximum(Vector a, Vector b) { return _mm_max_epu8(a, b); }
+    IMAGING_INLINE Vector BroadcastByte(std::uint8_t byte) { return _mm_set1_epi8(static_cast<char>(byte)); }
+
+    // A word in all eight lanes.
+    IMAGING_INLINE Vector Broadcast(std::uint16_t word) { return _mm_set1_epi16(static_cast<short>(word)); }
+
+    // Divides 32 bytes into those at even and at odd places, multiplied by gains in 1/64 and saturated. The byte in the
+    // upper half of a word and the gain four times as large leave sample x gain >> 6 in the upper half of the product.
+    IMAGING_INLINE void DivideWithGains(Vector a, Vector b, Vector evenGain, Vector oddGain, Vector &even,
+                                        Vector &odd) {
+        const Vector upper = _mm_set1_epi16(static_cast<short>(0xFF00));
+        const Vector evenFactor = _mm_slli_epi16(evenGain, 2);
+        const Vector oddFactor = _mm_slli_epi16(oddGain, 2);
+        even = _mm_packus_epi16(_mm_mulhi_epu16(_mm_slli_epi16(a, 8), evenFactor),
+                                _mm_mulhi_epu16(_mm_slli_epi16(b, 8), evenFactor));
+        odd = _mm_packus_epi16(_mm_mulhi_epu16(_mm_and_si128(a, upper), oddFactor),
+                               _mm_mulhi_epu16(_mm_and_si128(b, upper), oddFactor));
+    }
+
+    // One row of the colour matrix: ((red x m0 + green x m1) + blue x m2) >> 6 in words, the products cut to 16 bits,
+    // each sum saturated, the shift arithmetic; then saturated to a byte.
+    IMAGING_INLINE Vector WeightedSum(Vector red, Vector green, Vector blue, const std::uint16_t (*coefficients)[8]) {
+        const Vector zero = _mm_setzero_si128();
+        return _mm_packus_epi16(WeightedWords(_mm_unpacklo_epi8(red, zero), _mm_unpacklo_epi8(green, zero),
+                                              _mm_unpacklo_epi8(blue, zero), coefficients),
+                                WeightedWords(_mm_unpackhi_epi8(red, zero), _mm_unpackhi_epi8(green, zero),
+                                              _mm_unpackhi_epi8(blue, zero), coefficients));
+    }
+
+    // Writes 16 pixel pairs of four bytes a pixel, the fourth byte zero. Each argument holds one component of the first
+    // or the second pixels.
+    struct Pixels {
+        Vector blue;
+        Vector green;
+        Vector red;
+    };
+
+    IMAGING_INLINE void StoreRgb32(std::uint8_t *to, const Pixels &first, const Pixels &second) {
+        const Vector zero = _mm_setzero_si128();
+        StoreRgb32Half(to, _mm_unpacklo_epi8(first.blue, second.blue), _mm_unpacklo_epi8(first.green, second.green),
+                       _mm_unpacklo_epi8(first.red, second.red), zero);
+        StoreRgb32Half(to + 64, _mm_unpackhi_epi8(first.blue, second.blue),
+                       _mm_unpackhi_epi8(first.green, second.green), _mm_unpackhi_epi8(first.red, second.red), zero);
+    }
+
+    // Writes 16 pixel pairs of three bytes a pixel. A pair is three words: blue and green of the first pixel, its red
+    // with the second's blue, green and red of the second.
+    IMAGING_INLINE void StoreRgb24(std::uint8_t *to, const Pixels &first, const Pixels &second) {
+        Set::StoreTriples(to, _mm_unpacklo_epi8(first.blue, first.green), _mm_unpacklo_epi8(first.red, second.blue),
+                          _mm_unpacklo_epi8(second.green, second.red));
+        Set::StoreTriples(to + 48, _mm_unpackhi_epi8(first.blue, first.green),
+                          _mm_unpackhi_epi8(first.red, second.blue), _mm_unpackhi_epi8(second.green, second.red));
+    }
+
+  private:
+    IMAGING_INLINE Vector WeightedWords(Vector red, Vector green, Vector blue, const std::uint16_t (*coefficients)[8]) {
+        const Vector redAndGreen = _mm_adds_epi16(_mm_mullo_epi16(red, LoadAligned(coefficients[0])),
+                                                  _mm_mullo_epi16(green, LoadAligned(coefficients[1])));
+        return _mm_srai_epi16(_mm_adds_epi16(redAndGreen, _mm_mullo_epi16(blue, LoadAligned(coefficients[2]))), 6);
+    }
+
+    IMAGING_INLINE void StoreRgb32Half(std::uint8_t *to, Vector blue, Vector green, Vector red, Vector zero) {
+        const Vector lowBlueGreen = _mm_unpacklo_epi8(blue, green);
+        const Vector highBlueGreen = _mm_unpackhi_epi8(blue, green);
+        const Vector lowRed = _mm_unpacklo_epi8(red, zero);
+        const Vector highRed = _mm_unpackhi_epi8(red, zero);
+        Store(to, _mm_unpacklo_epi16(lowBlueGreen, lowRed));
+        Store(to + 16, _mm_unpackhi_epi16(lowBlueGreen, lowRed));
+        Store(to + 32, _mm_unpacklo_epi16(highBlueGreen, highRed));
+        Store(to + 48, _mm_unpackhi_epi16(highBlueGreen, highRed));
+    }
+};
+
+} // namespace imaging
