@@ -59,11 +59,13 @@ class Chart {
         if (y < 0.56f) {
             colour = Patches(colour, x, y);
             colour = Star(colour, x, y);
-        } else {
+        } else if (y < 0.805f) {
             colour = Edges(colour, x, y);
-            colour = Mix(colour, Grey(128 + 104 * Bars(x, y)), Cover(kBarField, x, y));
-            colour =
-                Mix(colour, Hue((x - kHueField.left) / (kHueField.right - kHueField.left)), Cover(kHueField, x, y));
+            if (x < 0.87f)
+                colour = Mix(colour, Grey(128 + 104 * Bars(x)), Cover(kBarField, x, y));
+            else
+                colour = Mix(colour, Hue(Along(kHueField, x)), Cover(kHueField, x, y));
+        } else {
             colour = Mix(colour, Grey(Steps(x)), Cover(kStepField, x, y));
             colour = Mix(colour, Grey(255 * Along(kRampField, x)), Cover(kRampField, x, y));
         }
@@ -73,6 +75,9 @@ class Chart {
   private:
     // How much of a pixel lies inside an edge at that distance (positive: inside).
     float Soft(float inside) const { return std::clamp(0.5f + inside / pixel_, 0.0f, 1.0f); }
+
+    // Lines of that many pairs to a unit of the plane fade out before they are too fine for the pixels.
+    float Resolved(float pairs) const { return std::clamp(2 - 4 * pairs * pixel_, 0.0f, 1.0f); }
 
     float Cover(const Box &box, float x, float y) const {
         const float inside = std::min(std::min(x - box.left, box.right - x), std::min(y - box.top, box.bottom - y));
@@ -104,7 +109,9 @@ class Chart {
         if (radius > kStarRadius + 0.02f)
             return under;
         const float wave = std::sin(std::atan2(dy, dx) * kStarCycles);
-        const Colour spokes = Mix(kBlack, kWhite, Soft(wave * radius / kStarCycles));
+        const float resolved = Resolved(kStarCycles / (2 * std::numbers::pi_v<float> * std::max(radius, pixel_)));
+        const float white = 0.5f + (Soft(wave * radius / kStarCycles) - 0.5f) * resolved;
+        const Colour spokes = Mix(kBlack, kWhite, white);
         const Colour disc = Mix(under, kWhite, Soft(kStarRadius + 0.012f - radius));
         return Mix(disc, spokes, Soft(kStarRadius - radius));
     }
@@ -120,15 +127,14 @@ class Chart {
     }
 
     // Vertical lines that grow finer to the right: from 20 to 320 pairs to the picture's height. -1 to 1.
-    float Bars(float x, float y) const {
-        (void)y;
+    float Bars(float x) const {
         constexpr float kTurn = 2 * std::numbers::pi_v<float>;
         const float along = Along(kBarField, x);
         const float width = kBarField.right - kBarField.left;
         const float growth = std::log(16.0f);
         const float phase = kTurn * 20 * width / growth * (std::exp(growth * along) - 1);
         const float slope = kTurn * 20 * std::exp(growth * along);
-        return 2 * Soft(std::sin(phase) / slope) - 1;
+        return (2 * Soft(std::sin(phase) / slope) - 1) * Resolved(slope / kTurn);
     }
 
     static Colour Hue(float along) {

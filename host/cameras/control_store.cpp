@@ -263,11 +263,4 @@ TransferResult ControlStore::Set(CameraControl &control, std::span<const std::ui
     return {TransferStatus::Ok, data.size()};
 }
 
-std::optional<std::int64_t> ControlStore::Value(EntityKind kind, std::uint8_t selector, std::size_t lane) const {
-    for (const CameraControl &control : controls_)
-        if (control.kind == kind && control.selector == selector && lane < control.lanes)
-            return control.current[lane];
-    return std::nullopt;
-}
-
 } // namespace host::cameras

@@ -6,7 +6,6 @@
 #include "host/usb/usb_device.h"
 
 #include <cstdint>
-#include <optional>
 #include <span>
 #include <vector>
 
@@ -42,9 +41,6 @@ class ControlStore {
 
     // A class request to the video control interface. A refusal leaves its reason for VC_REQUEST_ERROR_CODE_CONTROL.
     usb::TransferResult Request(const usb::Setup &setup, std::span<std::uint8_t> data);
-
-    // The first lane of a control of the first entity of that kind, or nothing.
-    std::optional<std::int64_t> Value(EntityKind kind, std::uint8_t selector, std::size_t lane = 0) const;
 
     // Back to the defaults.
     void Reset();

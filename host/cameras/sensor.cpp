@@ -39,50 +39,44 @@ Response MakeResponse(const SensorSettings &settings, const Surroundings &surrou
     return response;
 }
 
-// Mean of the 2 x `radius` + 1 samples around each; `radius` need not be whole. The ends are repeated.
-void BlurLine(const std::uint8_t *from, std::uint8_t *to, std::size_t count, std::size_t step, double radius,
-              std::vector<double> &sums) {
-    const auto whole = static_cast<std::ptrdiff_t>(radius);
+// Mean of the 2 x `radius` + 1 samples around each; `radius` need not be whole. The ends are repeated. Samples lie
+// `fromStep` and `toStep` bytes apart; `sums` is scratch memory.
+void BlurLine(const std::uint8_t *from, std::size_t fromStep, std::uint8_t *to, std::size_t toStep, std::size_t count,
+              double radius, std::vector<double> &sums) {
+    // Working on a line that goes on at both ends by `reach` samples keeps the inner loop free of tests.
+    const auto whole = static_cast<std::size_t>(radius);
     const double part = radius - static_cast<double>(whole);
-    const auto at = [&](std::ptrdiff_t i) {
-        return static_cast<double>(
-            from[static_cast<std::size_t>(std::clamp<std::ptrdiff_t>(i, 0, static_cast<std::ptrdiff_t>(count) - 1)) *
-                 step]);
-    };
-    const auto length = static_cast<std::ptrdiff_t>(count);
-    sums.assign(count + 2 * static_cast<std::size_t>(whole) + 1, 0);
-    for (std::ptrdiff_t i = -whole; i < length + whole; ++i)
-        sums[static_cast<std::size_t>(i + whole) + 1] = sums[static_cast<std::size_t>(i + whole)] + at(i);
-    for (std::ptrdiff_t i = 0; i < length; ++i) {
-        const double inner = sums[static_cast<std::size_t>(i + 2 * whole) + 1] - sums[static_cast<std::size_t>(i)];
-        const double outer = at(i - whole - 1) + at(i + whole + 1);
-        to[static_cast<std::size_t>(i) * step] =
-            static_cast<std::uint8_t>((inner + part * outer) / (2 * radius + 1) + 0.5);
+    const std::size_t reach = whole + 1;
+    sums.resize(count + 2 * reach + 1);
+    sums[0] = 0;
+    for (std::size_t i = 0; i < count + 2 * reach; ++i) {
+        const std::size_t at = std::clamp(i, reach, reach + count - 1) - reach;
+        sums[i + 1] = sums[i] + from[at * fromStep];
+    }
+    const double scale = 1 / (2 * radius + 1);
+    for (std::size_t i = 0; i < count; ++i) {
+        const double inner = sums[i + 2 * whole + 2] - sums[i + 1];
+        const double wider = sums[i + 2 * reach + 1] - sums[i];
+        to[i * toStep] = static_cast<std::uint8_t>((inner + part * (wider - inner)) * scale + 0.5);
     }
 }
 
 // Twice a box in each direction: the blur of a lens that is out of focus, without the box's false resolution.
 void Blur(Picture &picture, double radius) {
-    static_assert(sizeof(Rgb) == 3);
-    std::vector<double> sums;
-    std::vector<std::uint8_t> line(std::size_t{std::max(picture.width, picture.height)} * 3);
+    static_assert(sizeof(Rgb) == 3, "the picture is walked as bytes");
     auto *bytes = reinterpret_cast<std::uint8_t *>(picture.pixels.data());
     const std::size_t pitch = std::size_t{picture.width} * 3;
-    const auto twice = [&](std::uint8_t *first, std::size_t count, std::size_t step) {
-        std::vector<std::uint8_t> &middle = line;
-        for (std::size_t i = 0; i < count; ++i)
-            middle[i] = first[i * step];
-        std::vector<std::uint8_t> once(count);
-        BlurLine(middle.data(), once.data(), count, 1, radius, sums);
-        BlurLine(once.data(), middle.data(), count, 1, radius, sums);
-        for (std::size_t i = 0; i < count; ++i)
-            first[i * step] = middle[i];
+    std::vector<double> sums;
+    std::vector<std::uint8_t> once(std::max(picture.width, picture.height));
+    const auto blurTwice = [&](std::uint8_t *first, std::size_t count, std::size_t step) {
+        BlurLine(first, step, once.data(), 1, count, radius, sums);
+        BlurLine(once.data(), 1, first, step, count, radius, sums);
     };
     for (std::size_t y = 0; y < picture.height; ++y)
         for (std::size_t channel = 0; channel < 3; ++channel)
-            twice(bytes + y * pitch + channel, picture.width, 3);
+            blurTwice(bytes + y * pitch + channel, picture.width, 3);
     for (std::size_t x = 0; x < pitch; ++x)
-        twice(bytes + x, picture.height, pitch);
+        blurTwice(bytes + x, picture.height, pitch);
 }
 
 void Mosaic(const Picture &picture, const Response &response, BayerPattern pattern, std::uint8_t *out) {

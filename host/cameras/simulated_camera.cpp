@@ -31,6 +31,7 @@ void SimulatedCamera::PowerUp() {
     halted_ = false;
     probe_ = function_.formats.empty() ? StreamControl{} : negotiator_.Default();
     committed_ = probe_;
+    codedInterval_ = 0;
     userRegister_ = 0;
     controls_.Reset();
     StopStream();
@@ -38,8 +39,8 @@ void SimulatedCamera::PowerUp() {
 
 void SimulatedCamera::StopStream() {
     streaming_ = false;
-    codedInterval_ = 0;
     nextNumber_ = 0;
+    epochNumber_ = 0;
     payloads_.Abandon();
     settings_.assign(1, {0, CurrentSettings()});
 }
@@ -156,8 +157,11 @@ TransferResult SimulatedCamera::BulkIn(std::uint8_t endpoint, std::span<std::uin
 
 void SimulatedCamera::ResetEndpoint(std::uint8_t endpoint) {
     const std::lock_guard lock(mutex_);
-    if (endpoint != function_.bulkEndpoint)
-        return;
+    if (endpoint == function_.bulkEndpoint)
+        ClearPipe();
+}
+
+void SimulatedCamera::ClearPipe() {
     halted_ = false;
     if (!payloads_.Idle())
         ++counters_.framesAbandoned;
@@ -172,12 +176,12 @@ void SimulatedCamera::ResetPort() {
     PowerUp();
 }
 
-TransferResult SimulatedCamera::Control(const usb::Setup &setup, std::span<std::uint8_t> data, Ticks now) {
+TransferResult SimulatedCamera::Control(const usb::Setup &setup, std::span<std::uint8_t> data, Ticks) {
     const std::lock_guard lock(mutex_);
     ++counters_.controlRequests;
     data = data.first(std::min<std::size_t>(data.size(), setup.length));
     const bool in = (setup.requestType & 0x80) != 0;
-    const TransferResult result = Dispatch(setup, data, now);
+    const TransferResult result = Dispatch(setup, data);
     const bool accepted = result.status == TransferStatus::Ok;
     if (log_.size() == kLongestLog)
         log_.pop_front();
@@ -235,6 +239,11 @@ StreamState SimulatedCamera::CommittedFormat() const {
     const StreamControl &control = streaming_ ? committed_ : probe_;
     return {control.formatIndex, control.frameIndex, RasterOf(control),
             codedInterval_ != 0 ? codedInterval_ : control.interval, control.maxPayloadSize};
+}
+
+std::vector<CameraControl> SimulatedCamera::Controls() const {
+    const std::lock_guard lock(mutex_);
+    return {controls_.Controls().begin(), controls_.Controls().end()};
 }
 
 std::vector<Defect> SimulatedCamera::Defects() const {

@@ -79,9 +79,7 @@ class SimulatedCamera final : public usb::UsbDevice {
 
     const Model &model() const { return body_.model; }
     const VideoFunction &Function() const { return function_; }
-    std::span<const CameraControl> Controls() const {
-        return controls_.Controls();
-    } // names and ranges; values may change
+    std::vector<CameraControl> Controls() const;
 
     // Puts a PNG in front of the camera.
     bool SetScene(const std::string &path, std::string &reason);
@@ -101,7 +99,7 @@ class SimulatedCamera final : public usb::UsbDevice {
     // What streams, or would stream now.
     StreamState CommittedFormat() const;
 
-    // The position in 0..1023 x 0..1023 etc. of the sensor's defects.
+    // Of the full sensor, whatever the frame size.
     std::vector<Defect> Defects() const;
 
     CameraCounters Counters() const;
@@ -115,7 +113,7 @@ class SimulatedCamera final : public usb::UsbDevice {
     };
 
     // All below: the mutex is held.
-    usb::TransferResult Dispatch(const usb::Setup &setup, std::span<std::uint8_t> data, usb::Ticks now);
+    usb::TransferResult Dispatch(const usb::Setup &setup, std::span<std::uint8_t> data);
     usb::TransferResult StandardRequest(const usb::Setup &setup, std::span<std::uint8_t> data);
     usb::TransferResult GetDescriptor(const usb::Setup &setup, std::span<std::uint8_t> data) const;
     usb::TransferResult GetStatus(const usb::Setup &setup, std::span<std::uint8_t> data) const;
@@ -128,6 +126,7 @@ class SimulatedCamera final : public usb::UsbDevice {
     usb::TransferResult SetFrameRateCode(std::uint16_t code);
 
     void PowerUp();
+    void ClearPipe();
     void StopStream();
     void StartStream(usb::Ticks now);
     void BeginFrame(std::uint64_t number, usb::Ticks exposed);

@@ -93,7 +93,7 @@ unsigned FamilyBit(Family family) {
 
 } // namespace
 
-TransferResult SimulatedCamera::Dispatch(const Setup &setup, std::span<std::uint8_t> data, Ticks) {
+TransferResult SimulatedCamera::Dispatch(const Setup &setup, std::span<std::uint8_t> data) {
     switch (setup.requestType >> 5 & 3) {
     case 0:
         return StandardRequest(setup, data);
@@ -166,8 +166,10 @@ TransferResult SimulatedCamera::EndpointFeature(const Setup &setup) {
     constexpr std::uint16_t kEndpointHalt = 0;
     if (setup.value != kEndpointHalt || setup.index != function_.bulkEndpoint)
         return kStall;
-    halted_ = setup.request == kSetFeature;
-    payloads_.Abandon();
+    if (setup.request == kClearFeature)
+        ClearPipe();
+    else
+        halted_ = true;
     return {};
 }
 
@@ -238,6 +240,7 @@ TransferResult SimulatedCamera::StreamingRequest(const Setup &setup, std::span<s
             if (settled.formatIndex != request.formatIndex || settled.frameIndex != request.frameIndex)
                 return kStall;
             committed_ = settled;
+            codedInterval_ = 0;
             ++counters_.commits;
             StopStream();
         }

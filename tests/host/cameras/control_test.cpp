@@ -221,6 +221,11 @@ TEST(VendorRequests, AnswerAndAct) {
     EXPECT_FALSE(ReadFrame(*camera, 62500).empty());
     EXPECT_EQ(camera->CommittedFormat().interval, 62500u);
     EXPECT_EQ(Little(GetProbe(*camera), 4, 4), 333333u);
+    // A host that starts again probes, finds nothing to commit, and resets the pipe.
+    ASSERT_TRUE(SetProbe(*camera, Block(1, 2, 333332)));
+    camera->ResetEndpoint(0x81);
+    EXPECT_FALSE(ReadFrame(*camera, 1'000'000).empty());
+    EXPECT_FALSE(ReadFrame(*camera, 1'062'500).empty());
     ASSERT_TRUE(Commit(*camera, 1, 2, 333333));
     EXPECT_EQ(camera->CommittedFormat().interval, 333333u);
 
