@@ -21,6 +21,8 @@ foreach(folder IN ITEMS ${UVC_LIBSTDCXX} ${UVC_LIBSTDCXX}/x86_64-w64-mingw32 ${c
   list(APPEND system_includes "SHELL:-isystem ${folder}")
 endforeach()
 
+list(APPEND CMAKE_CXX_COMPILE_OBJECT "${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/cmake/tie_unwind_tables.py <OBJECT>")
+
 file(GLOB windows_sources CONFIGURE_DEPENDS platform/windows/*.cpp)
 add_library(uvc_drv_objects OBJECT ${UVC_DRIVER_SOURCES} ${windows_sources})
 target_include_directories(uvc_drv_objects PRIVATE ${PROJECT_SOURCE_DIR})
