@@ -29,9 +29,9 @@ enum class ClockKind {
 struct RuntimeOptions {
     ClockKind clock = ClockKind::Virtual;
     FaultPlan faults;
-    std::filesystem::path registryFile;                  // empty: the registry lives in memory only
-    std::function<void(std::string_view)> onDebugPrint;  // every DbgPrint text; called on the printing thread
-    ULONG ntVersion = 0x06010000;                        // what RtlIsNtDdiVersionAvailable compares with
+    std::filesystem::path registryFile;                 // empty: the registry lives in memory only
+    std::function<void(std::string_view)> onDebugPrint; // every DbgPrint text; called on the printing thread
+    ULONG ntVersion = 0x06010000;                       // what RtlIsNtDdiVersionAvailable compares with
 };
 
 class Runtime {

@@ -8,6 +8,13 @@ extern "C" {
 unsigned long long __readcr8(void);
 void __writecr8(unsigned long long level);
 
+// The processor's own block behind GS, from which the headers take the current thread and the processor number.
+// clang knows the real names as built-in loads from a segment that is not there on Linux.
+unsigned long long UvcReadProcessorQword(unsigned long offset);
+unsigned short UvcReadProcessorWord(unsigned long offset);
+#define __readgsqword UvcReadProcessorQword
+#define __readgsword UvcReadProcessorWord
+
 unsigned char __inbyte(unsigned short port);
 unsigned short __inword(unsigned short port);
 unsigned long __indword(unsigned short port);
