@@ -1,8 +1,8 @@
 """Ties the unwind tables of an object file's inline functions to the functions.
 
-For this target the compiler puts the .pdata and .xdata of a function of a COMDAT section into COMDAT sections without a
-leader, as GNU linkers expect them. lld-link discards such sections, and the function is left without unwind information.
-Here they become what that linker knows: COMDAT sections associated with the function's own.
+For this target the compiler puts .pdata and .xdata of a function in a COMDAT section into COMDAT sections without a
+leader, as GNU linkers expect them. lld-link discards such sections, and the function is left without unwind
+information. Here they become what that linker knows: COMDAT sections associated with the function's own.
 """
 
 import pathlib
