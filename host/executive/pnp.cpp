@@ -3,7 +3,8 @@
 #include "host/executive/io_request.h"
 #include "host/executive/state.h"
 
-#include <cstring>
+#include <map>
+#include <memory>
 
 namespace host {
 namespace {
@@ -21,7 +22,14 @@ struct Driver {
     DRIVER_OBJECT object{}; // first
     DRIVER_EXTENSION extension{};
     std::u16string name, serviceKey;
+    std::map<PVOID, std::unique_ptr<char[]>> clientExtensions;
 };
+
+Driver &DriverOf(PDRIVER_OBJECT object, const char *routine) {
+    if (!Machine().objects.Is(object, ObjectKind::Driver))
+        Violation("not a driver object", routine, Format("%p", static_cast<void *>(object)));
+    return *reinterpret_cast<Driver *>(object);
+}
 
 NTSTATUS SendPnp(PDEVICE_OBJECT pdo, UCHAR minor, const std::function<void(PIO_STACK_LOCATION)> &prepare = {}) {
     return SendAndWait(pdo, STATUS_NOT_SUPPORTED, [&](PIRP, PIO_STACK_LOCATION location) {
@@ -156,3 +164,28 @@ void SendRemoval(PDEVICE_OBJECT pdo) {
 }
 
 } // namespace host
+
+using namespace host;
+
+extern "C" {
+
+NTSTATUS NTAPI IoAllocateDriverObjectExtension(PDRIVER_OBJECT driver, PVOID client, ULONG size, PVOID *extension) {
+    constexpr const char *kRoutine = "IoAllocateDriverObjectExtension";
+    RequireIrqlAtMost(APC_LEVEL, kRoutine);
+    auto &extensions = DriverOf(driver, kRoutine).clientExtensions;
+    *extension = nullptr;
+    if (extensions.contains(client))
+        return STATUS_OBJECT_NAME_COLLISION;
+    *extension = (extensions[client] = std::make_unique<char[]>(size)).get();
+    return STATUS_SUCCESS;
+}
+
+PVOID NTAPI IoGetDriverObjectExtension(PDRIVER_OBJECT driver, PVOID client) {
+    constexpr const char *kRoutine = "IoGetDriverObjectExtension";
+    RequireIrqlAtMost(DISPATCH_LEVEL, kRoutine);
+    const auto &extensions = DriverOf(driver, kRoutine).clientExtensions;
+    const auto found = extensions.find(client);
+    return found != extensions.end() ? found->second.get() : nullptr;
+}
+
+} // extern "C"
