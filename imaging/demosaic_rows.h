@@ -11,7 +11,10 @@
 //   below) and of (left, right), over the diagonals those of (upper left, lower left) and of (upper right, lower
 //   right);
 // - smoothed green is the mean of the pixel and of the mean over its diagonals;
-// - the colour matrix has 16-bit products, saturating sums ((red + green) + blue) and an arithmetic shift.
+// - the colour matrix has 16-bit products, saturating sums and an arithmetic shift. The row's own colour is added last:
+// a
+//   matrix that corrects colours takes away with the other two what its diagonal adds, and only sums of the same sign
+//   saturate early.
 #pragma once
 
 #include "imaging/demosaic.h"
@@ -21,7 +24,7 @@ namespace imaging {
 template <class V, std::uint32_t kMode, BayerPhase kPhase> class DemosaicRows {
   public:
     [[gnu::noinline]] static void Convert(const KernelTables &tables, const RowContext &row) {
-        if (row.width < kFirstColumn + kStep)
+        if (row.width < kMinimumWidth)
             ConvertNarrow(tables, row);
         else
             DemosaicRows(tables).ConvertWide(row);
@@ -34,6 +37,8 @@ template <class V, std::uint32_t kMode, BayerPhase kPhase> class DemosaicRows {
 
     static constexpr std::uint32_t kStep = 32; // pixels
     static constexpr std::uint32_t kFirstColumn = StartsWithGreen(kPhase) ? 1 : 0;
+    // A step, and on both sides of it the green column that repeats its neighbour.
+    static constexpr std::uint32_t kMinimumWidth = kStep + 2 * kFirstColumn;
     static constexpr std::uint32_t kPixelBytes = BytesPerPixel(kMode);
     static constexpr std::uint32_t kThreshold = 6; // largest step between diagonals that smoothing crosses
 
@@ -161,9 +166,11 @@ template <class V, std::uint32_t kMode, BayerPhase kPhase> class DemosaicRows {
     }
 
     [[gnu::always_inline]] Pixels ApplyMatrix(const Pixels &pixels) const {
-        return {V::WeightedSum(pixels.red, pixels.green, pixels.blue, &tables_.matrix[6]),
-                V::WeightedSum(pixels.red, pixels.green, pixels.blue, &tables_.matrix[3]),
-                V::WeightedSum(pixels.red, pixels.green, pixels.blue, &tables_.matrix[0])};
+        const auto &m = tables_.matrix;
+        const auto &[blue, green, red] = pixels;
+        return {.blue = V::WeightedSum(red, m[6], green, m[7], blue, m[8]),
+                .green = V::WeightedSum(red, m[3], blue, m[5], green, m[4]),
+                .red = V::WeightedSum(green, m[1], blue, m[2], red, m[0])};
     }
 
     [[gnu::always_inline]] void Store(std::uint8_t *destination, Pixels first, Pixels second) const {
@@ -180,11 +187,11 @@ template <class V, std::uint32_t kMode, BayerPhase kPhase> class DemosaicRows {
     // A row too short for a step is converted in a copy that is long enough; this recurs once.
     [[gnu::noinline]] static void ConvertNarrow(const KernelTables &tables, const RowContext &row) {
         std::uint8_t copies[3][kStep + 16] = {};
-        std::uint8_t pixels[(kFirstColumn + kStep) * kPixelBytes];
+        std::uint8_t pixels[kMinimumWidth * kPixelBytes];
         __builtin_memcpy(copies[0], row.above, row.width);
         __builtin_memcpy(copies[1], row.current, row.width);
         __builtin_memcpy(copies[2], row.below, row.width);
-        Convert(tables, {copies[0], copies[1], copies[2], pixels, kFirstColumn + kStep});
+        Convert(tables, {copies[0], copies[1], copies[2], pixels, kMinimumWidth});
         __builtin_memcpy(row.destination + kFirstColumn * kPixelBytes, pixels + kFirstColumn * kPixelBytes,
                          (row.width - kFirstColumn) * kPixelBytes);
     }

@@ -51,14 +51,20 @@ template <class Set> struct CommonVector {
                                _mm_mulhi_epu16(_mm_and_si128(b, upper), oddFactor));
     }
 
-    // One row of the colour matrix: ((red x m0 + green x m1) + blue x m2) >> 6 in words, the products cut to 16 bits,
-    // each sum saturated, the shift arithmetic; then saturated to a byte.
-    IMAGING_INLINE Vector WeightedSum(Vector red, Vector green, Vector blue, const std::uint16_t (*coefficients)[8]) {
+    // a x factorA + b x factorB + own x factorOwn >> 6 of each byte, saturated to a byte. The factors are vectors in
+    // memory. Products are cut to 16 bits; the sum of a and b is saturated, then the whole sum; the shift is
+    // arithmetic.
+    IMAGING_INLINE Vector WeightedSum(Vector a, const std::uint16_t *factorA, Vector b, const std::uint16_t *factorB,
+                                      Vector own, const std::uint16_t *factorOwn) {
         const Vector zero = _mm_setzero_si128();
-        return _mm_packus_epi16(WeightedWords(_mm_unpacklo_epi8(red, zero), _mm_unpacklo_epi8(green, zero),
-                                              _mm_unpacklo_epi8(blue, zero), coefficients),
-                                WeightedWords(_mm_unpackhi_epi8(red, zero), _mm_unpackhi_epi8(green, zero),
-                                              _mm_unpackhi_epi8(blue, zero), coefficients));
+        const auto weigh = [=](Vector wordsA, Vector wordsB, Vector wordsOwn) __attribute__((always_inline)) {
+            const Vector others = _mm_adds_epi16(_mm_mullo_epi16(wordsA, LoadAligned(factorA)),
+                                                 _mm_mullo_epi16(wordsB, LoadAligned(factorB)));
+            return _mm_srai_epi16(_mm_adds_epi16(others, _mm_mullo_epi16(wordsOwn, LoadAligned(factorOwn))), 6);
+        };
+        return _mm_packus_epi16(
+            weigh(_mm_unpacklo_epi8(a, zero), _mm_unpacklo_epi8(b, zero), _mm_unpacklo_epi8(own, zero)),
+            weigh(_mm_unpackhi_epi8(a, zero), _mm_unpackhi_epi8(b, zero), _mm_unpackhi_epi8(own, zero)));
     }
 
     // Writes 16 pixel pairs of four bytes a pixel, the fourth byte zero. Each argument holds one component of the first
@@ -87,12 +93,6 @@ template <class Set> struct CommonVector {
     }
 
   private:
-    IMAGING_INLINE Vector WeightedWords(Vector red, Vector green, Vector blue, const std::uint16_t (*coefficients)[8]) {
-        const Vector redAndGreen = _mm_adds_epi16(_mm_mullo_epi16(red, LoadAligned(coefficients[0])),
-                                                  _mm_mullo_epi16(green, LoadAligned(coefficients[1])));
-        return _mm_srai_epi16(_mm_adds_epi16(redAndGreen, _mm_mullo_epi16(blue, LoadAligned(coefficients[2]))), 6);
-    }
-
     IMAGING_INLINE void StoreRgb32Half(std::uint8_t *to, Vector blue, Vector green, Vector red, Vector zero) {
         const Vector lowBlueGreen = _mm_unpacklo_epi8(blue, green);
         const Vector highBlueGreen = _mm_unpackhi_epi8(blue, green);
