@@ -30,8 +30,8 @@ enum class TransferStatus {
 
 struct TransferResult {
     TransferStatus status = TransferStatus::Ok;
-    std::size_t length = 0;     // bytes transferred
-    Ticks notBefore = kNever;   // NotYet: when to ask again; kNever: not before the device calls its wake function
+    std::size_t length = 0;   // bytes transferred
+    Ticks notBefore = kNever; // NotYet: when to ask again; kNever: not before the device calls its wake function
 };
 
 // Calls come from one bus thread at a time unless noted.
@@ -45,7 +45,8 @@ class UsbDevice {
     // device's own business. `data` has Setup::length bytes, to be read or filled by the direction bit.
     virtual TransferResult Control(const Setup &setup, std::span<std::uint8_t> data, Ticks now) = 0;
 
-    // Fills `buffer` with the next bulk transfer of `endpoint` (an IN address), ended by a short packet or a full buffer.
+    // Fills `buffer` with the next bulk transfer of `endpoint` (an IN address), ended by a short packet or a full
+    // buffer.
     virtual TransferResult BulkIn(std::uint8_t endpoint, std::span<std::uint8_t> buffer, Ticks now) = 0;
 
     // CLEAR_FEATURE(ENDPOINT_HALT) and what the host does around it: toggles and a half-sent transfer are forgotten.
