@@ -365,6 +365,56 @@ TEST_F(BusTest, AbortEndsAfterWhatItAborts) {
     }
 }
 
+// Data, cancels and aborts cross on purpose; whoever wins, every transfer ends once and with a pair that fits.
+TEST_F(BusTest, SurvivesCrossingCancelsAbortsAndData) {
+    PlugAndConfigure({.synchronousSeed = 5});
+    constexpr int kTurns = 300;
+    for (int turn = 0; turn < kTurns; ++turn) {
+        std::vector<std::unique_ptr<Sent>> transfers;
+        for (int i = 0; i < 4; ++i)
+            transfers.push_back(BulkRead(pdo_, bulk_, 4));
+        for (auto &sent : transfers)
+            sent->Send();
+        AttachedThread sender("sender", [&] {
+            device_->Send({.bytes = {1}});
+            device_->Send({.bytes = {2}});
+            device_->Ring();
+        });
+        AttachedThread canceller("canceller", [&] {
+            transfers[3]->Cancel();
+            transfers[0]->Cancel();
+        });
+        auto abort = PipeRequest(pdo_, bulk_, URB_FUNCTION_ABORT_PIPE);
+        abort->Send();
+        ASSERT_TRUE(abort->Completes());
+        canceller.Join();
+        sender.Join();
+        for (auto &sent : transfers) {
+            ASSERT_TRUE(sent->Completes(0));
+            EXPECT_LT(sent->CompletionOrder(), abort->CompletionOrder());
+            bool cancelled = sent->UsbdStatus() == USBD_STATUS_CANCELED;
+            EXPECT_EQ(sent->Status(), cancelled ? STATUS_CANCELLED : STATUS_SUCCESS);
+            EXPECT_EQ(sent->Length(), cancelled ? 0u : 1u);
+        }
+        // Nothing that the device sent is lost to a transfer that was cancelled.
+        auto rest = BulkRead(pdo_, bulk_, 4);
+        device_->Send({.bytes = {3}});
+        device_->Ring();
+        std::uint8_t last = 0;
+        for (auto &sent : transfers) {
+            if (sent->Length() == 1)
+                last = std::max(last, sent->Data()[0]);
+        }
+        while (last != 3) {
+            rest->Urb()->UrbBulkOrInterruptTransfer.TransferBufferLength = 4;
+            rest->Send();
+            ASSERT_TRUE(rest->Completes());
+            ASSERT_EQ(rest->Data(), Bytes{static_cast<std::uint8_t>(last + 1)});
+            ++last;
+        }
+    }
+}
+
 TEST_F(BusTest, HaltsAPipeUntilItIsReset) {
     for (auto [fault, usbd] : {std::pair{TransferStatus::Stall, USBD_STATUS_STALL_PID},
                                std::pair{TransferStatus::Babble, USBD_STATUS_BABBLE_DETECTED}}) {
