@@ -1,0 +1,198 @@
+#include "imaging/conversion.h"
+#include "tests/camera/plugged_camera.h"
+
+#include <array>
+#include <cstring>
+#include <random>
+
+namespace uvc::camera_test {
+namespace {
+
+TEST(CameraFamilies, TellWhoTheyAre) {
+    struct Case {
+        const char *text;
+        ULONG kind;
+        ULONG sensorCode;
+        ULONG revision;
+        const char *infoText;
+    };
+    const Case cases[] = {
+        {"sim:generic", 0, 0, 0, ""},
+        {"sim:8101", 6, 4, 0x0123, "firmware_rev=291"},
+        {"sim:8102", 6, 2, 0x0204, "firmware_rev=516"},
+        {"sim:8201", 6, 2, 301, "firmware_rev=301"},
+        {"sim:8202", 6, 1, 302, "firmware_rev=302"},
+        {"sim:8207", 6, 2, 0, ""},
+    };
+    for (const Case &test : cases) {
+        SCOPED_TRACE(test.text);
+        PluggedCamera plugged(test.text);
+        const host::cameras::Model &model = plugged.device->model();
+        CameraInfo info;
+        std::memset(&info, 0xCC, sizeof(info));
+        plugged.camera.GetCameraInfo(info);
+        EXPECT_EQ(info.product, model.product);
+        EXPECT_EQ(info.manufacturer, model.manufacturer);
+        EXPECT_EQ(info.serialText, model.serial);
+        EXPECT_EQ(info.serial, std::stoull(std::string(model.serial), nullptr, 16));
+        EXPECT_EQ(info.vendorId, model.vendorId);
+        EXPECT_EQ(info.productId, model.productId);
+        EXPECT_EQ(info.informationKind, test.kind);
+        EXPECT_EQ(info.sensorCode, test.sensorCode);
+        EXPECT_EQ(info.version, ULONGLONG{test.revision} << 32);
+        EXPECT_EQ(info.reserved[0] | info.reserved[1], 0u);
+        EXPECT_STREQ(plugged.camera.infoText, test.infoText);
+        EXPECT_STREQ(plugged.camera.bannerText, "uvc_drv, ver=2.1.5.616 build (fre) Tue May  3 11:48:55 2011");
+        EXPECT_EQ(plugged.camera.ProductId(), model.productId);
+    }
+}
+
+// Flags, mode and variant of the streaming mode, then the code of the interval that is nearest to the format's.
+TEST(CameraFamilies, SendModeAndRateAfterACommit) {
+    struct Case {
+        const char *text;
+        ULONG range;
+        LONGLONG interval;
+        std::vector<std::string> requests;
+    };
+    const Case cases[] = {
+        {"sim:generic", 0, 333333, {}},
+        {"sim:8101", 0, 333333, {}},
+        {"sim:8102", 0, 333333, {}},
+        {"sim:8201", 0, 333333, {"40 21 0001 0001 10", "40 22 0000 0000"}},
+        {"sim:8201", 0, 1, {"40 21 0001 0001 10", "40 22 0007 0000"}},
+        {"sim:8201", 1, 166000, {"40 21 0001 0001 10", "40 22 0001 0000"}},
+        {"sim:8202", 2, 9999999, {"40 21 0000 0001 10", "40 22 0004 0000"}},
+        {"sim:8203", 0, 2000000, {"40 21 0001 0002 10", "40 22 0002 0000"}},
+        {"sim:8203", 1, 333333, {"40 21 0001 0002 10", "40 22 0001 0000"}},
+        {"sim:8204", 0, 666666, {"40 21 0000 0000 10", "40 22 0002 0000"}},
+        {"sim:8205", 0, 2000000, {"40 21 0001 0003 10", "40 22 0004 0000"}},
+        {"sim:8206", 0, 333333, {"40 21 0001 0001 00", "40 22 0002 0000"}},
+        {"sim:8207", 0, 333333, {"40 21 0001 0002 10"}},
+    };
+    for (const Case &test : cases) {
+        SCOPED_TRACE(std::string(test.text) + ' ' + std::to_string(test.range));
+        PluggedCamera plugged(test.text);
+        KS_VIDEOINFOHEADER format = plugged.camera.formats[test.range].range.VideoInfoHeader;
+        // The camera takes codes of the frame that was probed last.
+        ProbeCommitBlock block;
+        ASSERT_EQ(plugged.camera.BuildProbeRequest(format, block), STATUS_SUCCESS);
+        ASSERT_EQ(UvcStreamingRequest(plugged.camera, false, 1, block), STATUS_SUCCESS);
+        format.AvgTimePerFrame = test.interval;
+        plugged.camera.OnCommitted(format);
+        EXPECT_EQ(plugged.TakeVendorRequests(), test.requests);
+    }
+}
+
+// Output frames against the conversion called directly with the source named by hand.
+TEST(CameraFamilies, ConvertWithTheirColoursNamed) {
+    constexpr ULONG kWidth = 64, kHeight = 48;
+    const std::int16_t matrix[] = {90, -13, -13, -13, 90, -13, -13, -13, 90};
+    const imaging::GainRecord unity{.minimum = 0, .maximum = 255, .defaultValue = 64, .current = 64, .automatic = true};
+    const imaging::GainRecords gains{.blue = unity, .red = unity, .green = unity};
+    struct Case {
+        const char *text;
+        ULONG sourceFormat;
+        ULONG destinationFormat;
+        ULONG namedFormat; // 0: monochrome
+    };
+    const Case cases[] = {
+        {"sim:8102", imaging::kFourCcBayer8, imaging::kFourCcRgb24, imaging::kFourCcBayerRg},
+        {"sim:8102", imaging::kFourCcGrey8, imaging::kFourCcRgb32, imaging::kFourCcBayerRg},
+        {"sim:8102", imaging::kFourCcBayer8, imaging::kFourCcGrey8, imaging::kFourCcGrey8},
+        {"sim:8201", imaging::kFourCcBayer8, imaging::kFourCcRgb32, imaging::kFourCcBayerBg},
+        {"sim:8203", imaging::kFourCcBayer8, imaging::kFourCcRgb32, imaging::kFourCcBayerGb},
+        {"sim:8205", imaging::kFourCcGrey8, imaging::kFourCcRgb24, imaging::kFourCcBayerGr},
+        {"sim:8205", imaging::kFourCcGrey8, imaging::kFourCcBayer8, imaging::kFourCcGrey8},
+        {"sim:8202", imaging::kFourCcGrey8, imaging::kFourCcRgb24, 0},
+        {"sim:8204", imaging::kFourCcGrey8, imaging::kFourCcGrey8, 0},
+    };
+    std::vector<std::uint8_t> pixels(kWidth * kHeight);
+    std::mt19937 random(1);
+    for (std::uint8_t &pixel : pixels)
+        pixel = static_cast<std::uint8_t>(random());
+
+    for (const Case &test : cases) {
+        SCOPED_TRACE(std::string(test.text) + ' ' + std::to_string(test.destinationFormat));
+        const ULONG bytesPerPixel = test.destinationFormat == imaging::kFourCcRgb24   ? 3
+                                    : test.destinationFormat == imaging::kFourCcRgb32 ? 4
+                                                                                      : 1;
+        auto describe = [&](std::vector<std::uint8_t> &bytes, ULONG format, ULONG pixelBytes) {
+            return imaging::ImageDescriptor{.data = bytes.data(),
+                                            .size = static_cast<ULONG>(bytes.size()),
+                                            .fourcc = format,
+                                            .width = kWidth,
+                                            .height = kHeight,
+                                            .stride = kWidth * pixelBytes};
+        };
+        std::vector<std::uint8_t> expected(kWidth * kHeight * bytesPerPixel), frame(expected.size());
+        auto source = describe(pixels, test.namedFormat, 1);
+        auto destination = describe(expected, test.destinationFormat, bytesPerPixel);
+        constexpr ULONG kFlags = imaging::kOrientation;
+        if (test.namedFormat != 0) {
+            imaging::ConvertColourFrame(destination, source, matrix, gains,
+                                        kFlags | imaging::kApplyMatrix | imaging::kApplyGains);
+        } else {
+            imaging::ConvertMonoFrame(destination, source, kFlags);
+        }
+
+        PluggedCamera plugged(test.text);
+        source.fourcc = test.sourceFormat;
+        destination.data = frame.data();
+        plugged.camera.ConvertFrame(destination, source, kFlags);
+        EXPECT_EQ(frame, expected);
+    }
+}
+
+// Whatever fails at start: a clear status, nothing left, and the next attempt works.
+TEST(CameraFamilies, SurviveEveryFailingAllocationAndTransfer) {
+    for (const char *text : {"sim:generic", "sim:8102", "sim:8201"}) {
+        for (bool transfers : {false, true}) {
+            PluggedDevice plugged{Simulated(text)};
+            plugged.camera->Destroy(1);
+            for (std::uint64_t nth = 1;; ++nth) {
+                SCOPED_TRACE(std::string(text) + (transfers ? " transfer " : " allocation ") + std::to_string(nth));
+                host::FaultPlan plan;
+                if (transfers)
+                    plan.FailTransfer(nth, host::TransferFault::Stall);
+                else
+                    plan.FailNth(host::FaultSite::PoolAllocation, nth);
+                plugged.runtime.Arm(plan);
+                const ModelTableEntry *model = FindModel(plugged.bus.IdentityOf(plugged.pdo).product);
+                plugged.camera =
+                    (model != nullptr ? model->factory : MakeCamera<UvcCamera>)(plugged.pdo, &plugged.sink);
+                bool dealt = plugged.runtime.Faults().FaultsDealt() != 0;
+                if (plugged.camera == nullptr) {
+                    ASSERT_TRUE(dealt);
+                    continue;
+                }
+                NTSTATUS status = plugged.camera->Initialise();
+                dealt = plugged.runtime.Faults().FaultsDealt() != 0;
+                plugged.runtime.Arm({});
+                if (!dealt) {
+                    EXPECT_EQ(status, STATUS_SUCCESS);
+                    break;
+                }
+                if (!NT_SUCCESS(status) && !transfers) {
+                    EXPECT_EQ(status, STATUS_INSUFFICIENT_RESOURCES);
+                }
+                plugged.camera->Destroy(1);
+                plugged.camera = nullptr;
+            }
+        }
+    }
+}
+
+// Control items come with the control objects; until a camera has any, every item is unknown.
+TEST(CameraFamilies, HaveNoControlItems) {
+    PluggedCamera plugged("sim:8201");
+    std::array<UCHAR, 48> buffer{};
+    EXPECT_FALSE(plugged.camera.ItemExists(3, 0));
+    EXPECT_EQ(plugged.camera.FindOwner(3, 0), nullptr);
+    EXPECT_EQ(plugged.camera.FindItem(3, 0), nullptr);
+    EXPECT_EQ(plugged.camera.GetControl(3, 0, 1, buffer.data(), 20), STATUS_NOT_IMPLEMENTED);
+    EXPECT_EQ(plugged.camera.SetControl(5, 109, 2, buffer.data(), 48), STATUS_NOT_IMPLEMENTED);
+}
+
+} // namespace
+} // namespace uvc::camera_test
