@@ -58,6 +58,8 @@ function(uvc_program name)
   endif()
   add_executable(${name} ${sources})
   target_link_libraries(${name} PRIVATE ${arg_LINK})
+  # So that the runtime can name the places it reports.
+  set_target_properties(${name} PROPERTIES ENABLE_EXPORTS ON)
 endfunction()
 
 uvc_program(uvcam FOLDERS apps/uvcam LINK uvc_drv host_client CLI11::CLI11 nlohmann_json::nlohmann_json PNG::PNG)

@@ -114,8 +114,8 @@ TEST_F(Dispatcher, SystemThreadEndsItselfAndIsWaitedFor) {
     EXPECT_EQ(ObReferenceObjectByHandle(handle, THREAD_ALL_ACCESS, *reinterpret_cast<POBJECT_TYPE *>(PsThreadType),
                                         KernelMode, &thread, nullptr),
               STATUS_OBJECT_TYPE_MISMATCH);
-    ASSERT_EQ(ObReferenceObjectByHandle(handle, THREAD_ALL_ACCESS, (POBJECT_TYPE)(PVOID)PsThreadType, KernelMode, &thread,
-                                        nullptr),
+    ASSERT_EQ(ObReferenceObjectByHandle(handle, THREAD_ALL_ACCESS, (POBJECT_TYPE)(PVOID)PsThreadType, KernelMode,
+                                        &thread, nullptr),
               STATUS_SUCCESS);
     ZwClose(handle);
     EXPECT_EQ(WaitFor(thread, 50), STATUS_TIMEOUT);

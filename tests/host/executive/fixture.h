@@ -11,7 +11,9 @@ namespace host::tests {
 
 inline constexpr ULONG kTag = 0x74736554; // "Test"
 
-inline LARGE_INTEGER Milliseconds(LONGLONG count) { return {.QuadPart = -count * kTicksPerMillisecond}; }
+inline LARGE_INTEGER Milliseconds(LONGLONG count) {
+    return {.QuadPart = -count * kTicksPerMillisecond};
+}
 
 // Waits at most `milliseconds` of the runtime's time.
 inline NTSTATUS WaitFor(PVOID object, LONGLONG milliseconds) {
