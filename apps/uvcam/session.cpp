@@ -1,0 +1,63 @@
+#include "apps/uvcam/session.h"
+
+#include "apps/uvcam/exit_code.h"
+
+#include <cstdio>
+
+extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath);
+
+namespace uvcam {
+
+namespace {
+
+void PrintDriverText(std::string_view text) {
+    std::fprintf(stderr, "%.*s%s", static_cast<int>(text.size()), text.data(), text.ends_with('\n') ? "" : "\n");
+}
+
+std::shared_ptr<host::cameras::SimulatedCamera> FindCamera(const SessionOptions &options) {
+    std::string reason;
+    auto camera = host::cameras::MakeCamera(options.camera, reason);
+    if (camera == nullptr)
+        throw Failure(ExitCode::NoSuchCamera, reason);
+    if (!options.scene.empty() && !camera->SetScene(options.scene, reason))
+        throw Failure(ExitCode::Failed, reason);
+    camera->SetFreeRun(options.freeRun);
+    return camera;
+}
+
+host::client::ComputerOptions Boot(const SessionOptions &options) {
+    host::client::ComputerOptions boot;
+    boot.runtime.clock = host::ClockKind::Real;
+    boot.runtime.registryFile = options.settings;
+    boot.runtime.onDebugPrint = PrintDriverText;
+    if (!options.faults.empty()) {
+        std::string reason;
+        auto plan = host::FaultPlan::Parse(options.faults, reason);
+        if (!plan)
+            throw Failure(ExitCode::Usage, "--fault " + options.faults + ": " + reason);
+        boot.runtime.faults = *plan;
+    }
+    return boot;
+}
+
+} // namespace
+
+Session::Session(const SessionOptions &options) {
+    const host::client::ComputerOptions boot = Boot(options); // a bad plan is a usage error, whatever the camera
+    camera_ = FindCamera(options);
+    computer_ = std::make_unique<host::client::Computer>(DriverEntry, boot);
+
+    NTSTATUS status = computer_->PlugIn(camera_);
+    if (!NT_SUCCESS(status))
+        throw StatusFailure("the driver does not start on " + options.camera, status);
+    std::vector<std::u16string> links;
+    status = host::client::FindCaptureFilters(links);
+    if (NT_SUCCESS(status) && links.empty())
+        status = STATUS_NO_SUCH_DEVICE;
+    if (NT_SUCCESS(status))
+        status = filter_.Open(links.front());
+    if (!NT_SUCCESS(status))
+        throw StatusFailure("cannot open " + options.camera, status);
+}
+
+} // namespace uvcam

@@ -1,0 +1,36 @@
+// A camera, opened: the runtime, the driver on it, and the capture filter.
+#pragma once
+
+#include "host/cameras/catalogue.h"
+#include "host/client/computer.h"
+#include "host/client/filter.h"
+
+#include <memory>
+#include <string>
+
+namespace uvcam {
+
+struct SessionOptions {
+    std::string camera;
+    std::string scene;    // a PNG, or empty
+    std::string faults;   // a fault plan, or empty
+    std::string settings; // a registry file, or empty
+    bool freeRun = false;
+};
+
+// Boots in real time. The constructor throws Failure with the reason when the camera is unknown or does not start.
+class Session {
+  public:
+    explicit Session(const SessionOptions &options);
+
+    host::client::Filter &Filter() { return filter_; }
+    host::cameras::SimulatedCamera &Camera() { return *camera_; }
+    host::client::Computer &Computer() { return *computer_; }
+
+  private:
+    std::shared_ptr<host::cameras::SimulatedCamera> camera_;
+    std::unique_ptr<host::client::Computer> computer_;
+    host::client::Filter filter_; // closes before the computer goes
+};
+
+} // namespace uvcam
