@@ -52,15 +52,26 @@ WorkerNode *NextWork(StreamWorker &worker) {
     return PopHead(worker.workList, worker.workLock);
 }
 
+// How many bytes lie behind the image's first one, received or not.
+ULONG RoomAt(const WorkerNode &node) {
+    if (node.camera->stream.collecting)
+        return static_cast<const PoolBuffer *>(node.source)->capacity;
+    const auto *transfer = static_cast<const BulkTransfer *>(node.source);
+    return transfer->size - static_cast<ULONG>(node.data - transfer->buffer);
+}
+
 imaging::ImageDescriptor SourceOf(const WorkerNode &node) {
     const KS_BITMAPINFOHEADER &sensor = node.camera->stream.sensor.bmiHeader;
     const LONGLONG stride = static_cast<LONGLONG>(sensor.biBitCount) * sensor.biWidth / 8;
     const LONGLONG missing = static_cast<LONGLONG>(sensor.biSizeImage) - node.length;
     LONGLONG height = sensor.biHeight;
+    ULONG size = node.length;
     if (missing > kToleratedGap && stride > 0)
         height -= missing / stride + 1;
+    else if (missing > 0) // the last row is whole where there is memory for it
+        size = std::min(sensor.biSizeImage, RoomAt(node));
     return {.data = const_cast<UCHAR *>(node.data),
-            .size = node.length,
+            .size = size,
             .fourcc = sensor.biCompression,
             .width = static_cast<ULONG>(sensor.biWidth),
             .height = static_cast<ULONG>(std::max<LONGLONG>(height, 0)),
