@@ -1,6 +1,9 @@
 #include "host/client/frame.h"
 
 #include "host/executive/file.h"
+#include "host/executive/runtime.h"
+
+#include <algorithm>
 
 namespace host::client {
 
@@ -15,11 +18,14 @@ Frame::Frame(std::size_t size, bool withInfo)
       withInfo_(withInfo) {
     CreateEventHandle(&event_, NotificationEvent, false);
     PVOID object = nullptr;
-    ObReferenceObjectByHandle(event_, SYNCHRONIZE, *ExEventObjectType, KernelMode, &object, nullptr);
+    ObReferenceObjectByHandle(event_, SYNCHRONIZE, reinterpret_cast<POBJECT_TYPE>(ExEventObjectType), KernelMode,
+                              &object, nullptr);
     eventObject_ = static_cast<PKEVENT>(object);
 }
 
 Frame::~Frame() {
+    if (status_ == STATUS_PENDING)
+        Violation("application", "Frame", "the frame is freed while the driver has it");
     ObDereferenceObject(eventObject_);
     ZwClose(event_);
 }

@@ -12,12 +12,11 @@ namespace {
 
 constexpr KSRESOLUTION kResolution{.Granularity = 1, .Error = 0};
 
-// What a driver gets from KsPinGetReferenceClockInterface. It keeps the clock's file open until it is released.
+// What a driver gets from KsPinGetReferenceClockInterface. It keeps the clock until it is released.
 class ReferenceClock final : public IKsReferenceClock {
   public:
-    ReferenceClock(PFILE_OBJECT file, Clock &clock, DriverRecord &driver)
-        : file_(file), clock_(clock), driver_(driver), references_(1) {
-        ObReferenceObject(file_);
+    ReferenceClock(Clock &clock, DriverRecord &driver) : clock_(clock), driver_(driver), references_(1) {
+        clock_.AddRef();
         ++driver_.clockInterfaces;
     }
 
@@ -34,7 +33,7 @@ class ReferenceClock final : public IKsReferenceClock {
         LONG left = InterlockedDecrement(&references_);
         if (left == 0) {
             --driver_.clockInterfaces;
-            ObDereferenceObject(file_);
+            clock_.Release();
             ExFreePoolWithTag(this, kTagObject);
         }
         return static_cast<ULONG>(left);
@@ -64,7 +63,6 @@ class ReferenceClock final : public IKsReferenceClock {
         return clock_.Now();
     }
 
-    PFILE_OBJECT file_;
     Clock &clock_;
     DriverRecord &driver_;
     LONG references_;
@@ -122,14 +120,16 @@ NTSTATUS Clock::Open(Pin &pin, PIRP irp, std::span<const UCHAR> parameters) {
         return STATUS_INSUFFICIENT_RESOURCES;
     auto *clock = new (PlaceInPool{block}) Clock{};
     clock->Initialise(ObjectKind::Clock, nullptr, pin.device);
+    clock->references = 1;
     KeInitializeSpinLock(&clock->lock);
     clock->state = KSSTATE_STOP;
     IoGetCurrentIrpStackLocation(irp)->FileObject->FsContext = static_cast<Object *>(clock);
     return STATUS_SUCCESS;
 }
 
-void Clock::Close() {
-    ExFreePoolWithTag(this, kTagObject);
+void Clock::Release() {
+    if (InterlockedDecrement(&references) == 0)
+        ExFreePoolWithTag(this, kTagObject);
 }
 
 void Clock::SetState(KSSTATE to) {
@@ -157,7 +157,7 @@ KSCORRELATED_TIME Clock::Now() {
 
 // Only a file of a device that this model drives has an Object behind it.
 Clock *Clock::FromFile(PFILE_OBJECT file) {
-    if (file->DeviceObject->DriverObject->MajorFunction[IRP_MJ_CREATE] != DispatchCreate)
+    if (IoGetRelatedDeviceObject(file)->DriverObject->MajorFunction[IRP_MJ_CREATE] != DispatchCreate)
         return nullptr;
     auto *object = static_cast<Object *>(file->FsContext);
     return object != nullptr && object->kind == ObjectKind::Clock ? static_cast<Clock *>(object) : nullptr;
@@ -178,12 +178,11 @@ extern "C" NTSTATUS NTAPI KsPinGetReferenceClockInterface(PKSPIN ksPin, PIKSREFE
     RequireLevel(kRoutine, PASSIVE_LEVEL);
     Pin *pin = FromPublic<Pin>(ksPin, kRoutine);
     pin->filter->control.RequireMine(kRoutine);
-    Clock *clock = pin->MasterClock();
-    if (clock == nullptr)
+    if (pin->clock == nullptr)
         return STATUS_DEVICE_NOT_READY;
     PVOID block = PoolAllocateZeroed(NonPagedPool, sizeof(ReferenceClock), kTagObject);
     if (block == nullptr)
         return STATUS_INSUFFICIENT_RESOURCES;
-    *interface = new (PlaceInPool{block}) ReferenceClock(pin->clockFile, *clock, *pin->device->driver);
+    *interface = new (PlaceInPool{block}) ReferenceClock(*pin->clock, *pin->device->driver);
     return STATUS_SUCCESS;
 }

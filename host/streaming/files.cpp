@@ -121,7 +121,7 @@ NTSTATUS NTAPI DispatchClose(PDEVICE_OBJECT, PIRP irp) {
             static_cast<Pin *>(object)->Close(irp);
             break;
         case ObjectKind::Clock:
-            static_cast<Clock *>(object)->Close();
+            static_cast<Clock *>(object)->Release();
             break;
         default:
             break;

@@ -78,7 +78,7 @@ NTSTATUS FrameQueue::Insert(PIRP irp, bool &arrived) {
         } else {
             IoSetCancelRoutine(irp, CancelRoutine);
             // Cancelled before the routine was there: nobody else will complete it.
-            if (irp->Cancel && IoSetCancelRoutine(irp, nullptr) != nullptr)
+            if (__atomic_load_n(&irp->Cancel, __ATOMIC_SEQ_CST) && IoSetCancelRoutine(irp, nullptr) != nullptr)
                 status = STATUS_CANCELLED;
         }
         if (NT_SUCCESS(status)) {

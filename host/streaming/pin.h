@@ -19,7 +19,7 @@ struct Pin : Object, KSPIN {
     PFILE_OBJECT filterFile; // kept open by the pin
     ObjectBag bag;
     FrameQueue queue;
-    PFILE_OBJECT clockFile; // the master clock's, referenced; under the control mutex
+    Clock *clock; // the master clock or null; under the control mutex
 
     // Processing (pin_process.cpp).
     StrictMutex processing;
@@ -44,8 +44,7 @@ struct Pin : Object, KSPIN {
     NTSTATUS SetState(KSSTATE target);
     void Stop() { SetState(KSSTATE_STOP); }
     NTSTATUS SetFormat(const KSDATAFORMAT &format);
-    NTSTATUS SetMasterClock(PFILE_OBJECT file);
-    Clock *MasterClock() const;
+    NTSTATUS SetMasterClock(Clock *master);
 
     // Calls the driver's process routine, here or from a work item. IRQL: DISPATCH_LEVEL when asynchronous.
     void AttemptProcessing(bool asynchronous);

@@ -66,15 +66,16 @@ NTSTATUS SetMasterClock(PIRP irp, PKSIDENTIFIER, PVOID data) {
         return pin.SetMasterClock(nullptr);
     }
     PVOID object = nullptr;
-    NTSTATUS status =
-        ObReferenceObjectByHandle(handle, SYNCHRONIZE, *IoFileObjectType, irp->RequestorMode, &object, nullptr);
+    // The headers declare the exported type with one star too many.
+    NTSTATUS status = ObReferenceObjectByHandle(handle, SYNCHRONIZE, reinterpret_cast<POBJECT_TYPE>(IoFileObjectType),
+                                                irp->RequestorMode, &object, nullptr);
     if (!NT_SUCCESS(status))
         return status;
     auto *file = static_cast<PFILE_OBJECT>(object);
     status = STATUS_INVALID_PARAMETER;
-    if (Clock::FromFile(file) != nullptr) {
+    if (Clock *clock = Clock::FromFile(file); clock != nullptr) {
         MutexHold hold(pin.filter->control, kRoutine);
-        status = pin.SetMasterClock(file);
+        status = pin.SetMasterClock(clock);
     }
     ObDereferenceObject(file);
     return status;

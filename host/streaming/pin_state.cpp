@@ -42,7 +42,7 @@ NTSTATUS Pin::SetState(KSSTATE target) {
             break;
         DeviceState = to;
         state = to;
-        if (Clock *clock = MasterClock())
+        if (clock != nullptr)
             clock->SetState(to);
     }
     ClientState = DeviceState;
@@ -51,19 +51,15 @@ NTSTATUS Pin::SetState(KSSTATE target) {
     return result;
 }
 
-Clock *Pin::MasterClock() const {
-    return clockFile == nullptr ? nullptr : static_cast<Clock *>(static_cast<Object *>(clockFile->FsContext));
-}
-
-// `file` is a clock's, or null for none. A running stream keeps its clock.
-NTSTATUS Pin::SetMasterClock(PFILE_OBJECT file) {
+// `master` null: none. A running stream keeps its clock.
+NTSTATUS Pin::SetMasterClock(Clock *master) {
     if (DeviceState == KSSTATE_RUN)
         return STATUS_INVALID_DEVICE_STATE;
-    if (file != nullptr)
-        ObReferenceObject(file);
-    if (clockFile != nullptr)
-        ObDereferenceObject(clockFile);
-    clockFile = file;
+    if (master != nullptr)
+        master->AddRef();
+    if (clock != nullptr)
+        clock->Release();
+    clock = master;
     return STATUS_SUCCESS;
 }
 
