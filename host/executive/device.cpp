@@ -222,13 +222,29 @@ DeviceInterface &DeviceTable::Register(PDEVICE_OBJECT pdo, const GUID &interface
         std::make_unique<DeviceInterface>(DeviceInterface{pdo, interfaceClass, link, std::move(reference)}));
 }
 
-DeviceInterface *DeviceTable::FindInterface(std::u16string_view fullName) {
-    std::lock_guard lock(mutex_);
+DeviceInterface *DeviceTable::FindInterfaceLocked(std::u16string_view fullName) {
     for (const auto &entry : interfaces_) {
         if (Upcase(entry->FullName()) == Upcase(fullName))
             return entry.get();
     }
     return nullptr;
+}
+
+std::optional<DeviceInterface> DeviceTable::FindInterface(std::u16string_view fullName) {
+    std::lock_guard lock(mutex_);
+    const DeviceInterface *entry = FindInterfaceLocked(fullName);
+    return entry != nullptr ? std::optional(*entry) : std::nullopt;
+}
+
+NTSTATUS DeviceTable::EnableInterface(std::u16string_view fullName, bool enable) {
+    std::lock_guard lock(mutex_);
+    DeviceInterface *entry = FindInterfaceLocked(fullName);
+    if (entry == nullptr)
+        return STATUS_OBJECT_NAME_NOT_FOUND;
+    if (entry->enabled == enable)
+        return enable ? STATUS_OBJECT_NAME_EXISTS : STATUS_OBJECT_NAME_NOT_FOUND;
+    entry->enabled = enable;
+    return STATUS_SUCCESS;
 }
 
 std::vector<std::u16string> DeviceTable::InterfaceNames(const GUID &interfaceClass, PDEVICE_OBJECT pdo,

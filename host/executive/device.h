@@ -61,7 +61,8 @@ class DeviceTable {
     // Device and interface names. Resolve: the device behind a full name, and how many characters of it are its own.
     std::optional<std::pair<PDEVICE_OBJECT, std::size_t>> Resolve(std::u16string_view name);
     DeviceInterface &Register(PDEVICE_OBJECT pdo, const GUID &interfaceClass, std::u16string reference);
-    DeviceInterface *FindInterface(std::u16string_view fullName);
+    std::optional<DeviceInterface> FindInterface(std::u16string_view fullName);
+    NTSTATUS EnableInterface(std::u16string_view fullName, bool enable);
     std::vector<std::u16string> InterfaceNames(const GUID &interfaceClass, PDEVICE_OBJECT pdo, bool disabledToo);
     void DisableInterfaces(PDEVICE_OBJECT pdo);
     void AddSymbolicLink(std::u16string link, std::u16string target);
@@ -78,6 +79,8 @@ class DeviceTable {
     };
     Device &Find(PDEVICE_OBJECT device, const char *routine);
     PDEVICE_OBJECT BottomLocked(PDEVICE_OBJECT device);
+
+    DeviceInterface *FindInterfaceLocked(std::u16string_view fullName);
 
     std::recursive_mutex mutex_;
     std::map<PDEVICE_OBJECT, Device> devices_;

@@ -55,13 +55,7 @@ NTSTATUS NTAPI IoRegisterDeviceInterface(PDEVICE_OBJECT pdo, const GUID *interfa
 
 NTSTATUS NTAPI IoSetDeviceInterfaceState(PUNICODE_STRING link, BOOLEAN enable) {
     RequireIrqlAtMost(PASSIVE_LEVEL, "IoSetDeviceInterfaceState");
-    DeviceInterface *entry = Machine().devices.FindInterface(View(*link));
-    if (entry == nullptr)
-        return STATUS_OBJECT_NAME_NOT_FOUND;
-    if (entry->enabled == (enable != FALSE))
-        return enable ? STATUS_OBJECT_NAME_EXISTS : STATUS_OBJECT_NAME_NOT_FOUND;
-    entry->enabled = enable != FALSE;
-    return STATUS_SUCCESS;
+    return Machine().devices.EnableInterface(View(*link), enable != FALSE);
 }
 
 NTSTATUS NTAPI IoGetDeviceInterfaces(const GUID *interfaceClass, PDEVICE_OBJECT pdo, ULONG flags, PWSTR *list) {
@@ -82,8 +76,8 @@ NTSTATUS NTAPI IoGetDeviceInterfaces(const GUID *interfaceClass, PDEVICE_OBJECT 
 NTSTATUS NTAPI IoOpenDeviceInterfaceRegistryKey(PUNICODE_STRING link, ACCESS_MASK access, PHANDLE key) {
     RequireIrqlAtMost(PASSIVE_LEVEL, "IoOpenDeviceInterfaceRegistryKey");
     State &state = Machine();
-    const DeviceInterface *entry = state.devices.FindInterface(View(*link));
-    if (entry == nullptr)
+    const std::optional<DeviceInterface> entry = state.devices.FindInterface(View(*link));
+    if (!entry)
         return STATUS_OBJECT_NAME_NOT_FOUND;
     return state.registry.Open(InterfaceKey(*entry), access, true, CALLER_PLACE(), key);
 }

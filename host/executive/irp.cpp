@@ -67,8 +67,10 @@ bool WantsCompletion(const IO_STACK_LOCATION &location, PIRP irp) {
 } // namespace
 
 IrpTable::~IrpTable() {
-    for (PIRP irp : quarantine_)
-        std::free(irp);
+    if (!kAddressSanitizer) {
+        for (PIRP irp : quarantine_)
+            std::free(irp);
+    }
 }
 
 PIRP IrpTable::Allocate(CCHAR stackSize, IrpOrigin origin, Place place) {
@@ -76,6 +78,7 @@ PIRP IrpTable::Allocate(CCHAR stackSize, IrpOrigin origin, Place place) {
     auto *irp = static_cast<PIRP>(std::malloc(size));
     Prepare(irp, size, stackSize);
     std::lock_guard lock(mutex_);
+    std::erase(quarantine_, irp);
     irps_[irp] = {.origin = origin, .place = place, .generation = ++generation_};
     return irp;
 }
@@ -366,7 +369,7 @@ void IrpTable::CancelIfAlive(PIRP irp) {
 void IrpTable::CheckFreed(const void *begin, std::size_t size, const char *routine) {
     std::lock_guard lock(mutex_);
     const void *end = static_cast<const char *>(begin) + size;
-    auto next = std::find_if(irps_.begin(), irps_.end(), [=](const auto &entry) { return entry.first >= begin; });
+    auto next = irps_.lower_bound(static_cast<PIRP>(const_cast<void *>(begin)));
     while (next != irps_.end() && next->first < end) {
         if (next->second.inFlight)
             Violation("IRP freed while in flight", routine, "from " + next->second.place.Text());

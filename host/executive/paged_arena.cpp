@@ -2,6 +2,7 @@
 
 #include "host/executive/state.h"
 
+#include <algorithm>
 #include <sys/mman.h>
 
 namespace host {
@@ -11,11 +12,10 @@ PagedArena::PagedArena() {
     if (base_ == MAP_FAILED)
         Violation("out of memory", "Runtime", "no room for the paged pool");
     free_[0] = kSize;
-    PoisonMemory(base_, kSize);
 }
 
 PagedArena::~PagedArena() {
-    UnpoisonMemory(base_, kSize);
+    UnpoisonMemory(base_, highest_);
     munmap(base_, kSize);
 }
 
@@ -34,6 +34,7 @@ void *PagedArena::Allocate(std::size_t size, std::size_t alignment) {
         if (start + size != offset + room)
             free_[start + size] = offset + room - start - size;
         blocks_[start] = size;
+        highest_ = std::max(highest_, start + size);
         used_.store(true, std::memory_order_relaxed);
         void *block = static_cast<char *>(base_) + start;
         UnpoisonMemory(block, size);

@@ -31,9 +31,10 @@ class PagedArena {
     void PageIn(); // async-signal-safe
 
   private:
-    static constexpr std::size_t kSize = std::size_t{256} << 20;
+    static constexpr std::size_t kSize = std::size_t{64} << 20;
 
     void *base_ = nullptr;
+    std::size_t highest_ = 0; // end of what was ever handed out
     std::atomic<bool> resident_{true};
     std::atomic<bool> used_{false};
     std::mutex mutex_;

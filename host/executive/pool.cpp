@@ -10,7 +10,7 @@
 namespace host {
 namespace {
 
-constexpr std::size_t kGuard = 16;
+constexpr std::size_t kGuard = 16, kAlignment = 64;
 constexpr unsigned char kGuardFill = 0xFD, kFreshFill = 0xA5, kFreedFill = 0xDD;
 constexpr std::size_t kQuarantineBytes = 1 << 20, kLargestQuarantined = 64 << 10;
 
@@ -36,8 +36,9 @@ Pool::~Pool() {
 }
 
 void *Pool::Allocate(bool paged, std::size_t size, ULONG tag, Place place) {
-    // Blocks of a page or more begin on a page boundary.
-    const std::size_t front = size >= PAGE_SIZE ? PAGE_SIZE : kGuard;
+    // Blocks of a page or more begin on a page boundary. The others are aligned for what the headers declare as
+    // cache-aligned (lookaside lists), which drivers put into any block.
+    const std::size_t front = size >= PAGE_SIZE ? PAGE_SIZE : kAlignment;
     const std::size_t whole = (front + size + kGuard + front - 1) / front * front;
     void *base = paged ? arena_.Allocate(whole, front) : std::aligned_alloc(front, whole);
     if (base == nullptr)
