@@ -32,7 +32,10 @@ NTSTATUS DeviceTable::Create(PDRIVER_OBJECT driver, ULONG extensionSize, PUNICOD
     device->DeviceExtension = extensionSize != 0 ? reinterpret_cast<char *>(device) + kHead : nullptr;
     device->DeviceType = type;
     device->StackSize = 1;
-    devices_[device] = {.extensionSize = extensionSize, .name = text};
+    Device &record = devices_[device];
+    record.extensionSize = extensionSize;
+    record.name = text;
+    KeInitializeEvent(&record.drained, NotificationEvent, TRUE);
     state.objects.Reference(driver, "IoCreateDevice");
     state.objects.Add(device, ObjectKind::Device, ToUtf8(text), place, [this, device] {
         {
@@ -156,7 +159,47 @@ bool DeviceTable::Opened(PDEVICE_OBJECT pdo) {
     if (record.deleted || (record.node && record.node->removed))
         return false;
     ++record.opens;
+    KeClearEvent(&record.drained);
     return true;
+}
+
+void DeviceTable::Drained(PDEVICE_OBJECT pdo) {
+    std::lock_guard lock(mutex_);
+    Device &record = Find(pdo, "close");
+    if (record.opens == 0)
+        KeSetEvent(&record.drained, IO_NO_INCREMENT, FALSE);
+}
+
+void DeviceTable::CountHandles(PDEVICE_OBJECT pdo, int change) {
+    std::lock_guard lock(mutex_);
+    Find(pdo, "close").handles += change;
+}
+
+void DeviceTable::WaitUntilDrained(PDEVICE_OBJECT pdo) {
+    PKEVENT drained = nullptr;
+    {
+        std::lock_guard lock(mutex_);
+        Device &record = Find(pdo, "remove");
+        if (record.handles != 0)
+            return;
+        drained = &record.drained;
+        ObReferenceObject(pdo);
+    }
+    WaitForObject(drained, "remove");
+    ObDereferenceObject(pdo);
+}
+
+void DeviceTable::WaitForRemovals() {
+    std::vector<PDEVICE_OBJECT> pending;
+    {
+        std::lock_guard lock(mutex_);
+        for (const auto &[device, record] : devices_) {
+            if (record.node && record.node->removed)
+                pending.push_back(device);
+        }
+    }
+    for (PDEVICE_OBJECT pdo : pending)
+        WaitUntilDrained(pdo);
 }
 
 bool DeviceTable::Closed(PDEVICE_OBJECT pdo) {

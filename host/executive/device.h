@@ -51,9 +51,16 @@ class DeviceTable {
     std::u16string NameOf(PDEVICE_OBJECT device);
 
     // Open files on the stack over `pdo`, and its removal. Opened: false once the removal has begun. Closed: true when
-    // a removal that waited for the last close follows now. BeginRemoval: false when it has begun before.
+    // a removal that waited for the last close follows now; Drained is called after it. BeginRemoval: false when it has
+    // begun before.
     bool Opened(PDEVICE_OBJECT pdo);
     bool Closed(PDEVICE_OBJECT pdo);
+    void Drained(PDEVICE_OBJECT pdo);
+    void CountHandles(PDEVICE_OBJECT pdo, int change);
+    // When no handle is open any more, but a request that is being completed still refers to a file, waits until that
+    // is over and done with.
+    void WaitUntilDrained(PDEVICE_OBJECT pdo);
+    void WaitForRemovals();
     bool BeginRemoval(PDEVICE_OBJECT pdo);
     bool DeferRemoval(PDEVICE_OBJECT pdo);
     void ForgetRemoval(PDEVICE_OBJECT pdo);
@@ -74,7 +81,8 @@ class DeviceTable {
         std::u16string name;
         PDEVICE_OBJECT lower = nullptr; // what it is attached to
         bool deleted = false;
-        int opens = 0; // on the stack, kept at its bottom
+        int opens = 0, handles = 0; // on the stack, kept at its bottom
+        KEVENT drained{};           // no opens, and no removal that waits for that
         std::optional<DeviceNode> node;
     };
     Device &Find(PDEVICE_OBJECT device, const char *routine);

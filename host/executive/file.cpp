@@ -59,11 +59,12 @@ void DeleteFile(File *file) {
         state.objects.Dereference(file->object.RelatedFileObject, "ZwClose");
     const PDEVICE_OBJECT pdo = file->pdo;
     const PDEVICE_OBJECT device = file->object.DeviceObject;
-    const bool removal = state.devices.Closed(pdo);
     delete file;
-    if (removal)
+    if (state.devices.Closed(pdo))
         SendRemoval(pdo);
+    state.devices.Drained(pdo);
     state.objects.Dereference(device, "ZwClose");
+    state.objects.Dereference(pdo, "ZwClose");
 }
 
 NTSTATUS Create(Service &service, PHANDLE handle, ACCESS_MASK access, POBJECT_ATTRIBUTES attributes,
@@ -110,6 +111,7 @@ NTSTATUS Create(Service &service, PHANDLE handle, ACCESS_MASK access, POBJECT_AT
         state.objects.Reference(file->object.RelatedFileObject, "ZwCreateFile");
     }
     state.objects.Reference(device, "ZwCreateFile");
+    state.objects.Reference(pdo, "ZwCreateFile");
     state.objects.Add(file, ObjectKind::File, ToUtf8(file->name), place, [file] { DeleteFile(file); });
 
     ACCESS_STATE accessState{};
@@ -137,6 +139,7 @@ NTSTATUS Create(Service &service, PHANDLE handle, ACCESS_MASK access, POBJECT_AT
     if (NT_SUCCESS(status)) {
         file->opened = true;
         const bool kernel = (attributes->Attributes & OBJ_KERNEL_HANDLE) != 0;
+        state.devices.CountHandles(pdo, +1);
         *handle = state.objects.Open(file, access, kernel, place);
     }
     state.objects.Dereference(file, "ZwCreateFile");
@@ -179,7 +182,10 @@ NTSTATUS Control(Service &service, HANDLE handle, HANDLE eventHandle, PIO_STATUS
         std::lock_guard lock(file.mutex);
         file.outstanding.insert(irp);
     }
-    state.irps.OnFinish(irp, [&file](PIRP finished) -> std::function<void()> {
+    KEVENT done;
+    KeInitializeEvent(&done, NotificationEvent, FALSE);
+    const PKEVENT synchronous = file.synchronous ? &done : nullptr;
+    state.irps.OnFinish(irp, [&file, synchronous](PIRP finished) -> std::function<void()> {
         EndDeviceControl(finished);
         const PKEVENT waiter = finished->UserEvent;
         const bool tell = !NT_ERROR(finished->IoStatus.Status) || finished->PendingReturned;
@@ -190,21 +196,25 @@ NTSTATUS Control(Service &service, HANDLE handle, HANDLE eventHandle, PIO_STATUS
             file.outstanding.erase(finished);
         }
         return [=, &file] {
-            if (tell) {
+            if (tell)
                 KeSetEvent(&file.object.Event, IO_NO_INCREMENT, FALSE);
-                if (waiter != nullptr)
-                    KeSetEvent(waiter, IO_NO_INCREMENT, FALSE);
+            // Before the requestor wakes up, who may close the file next and expect it to be gone; but whoever
+            // completes may hold locks that the driver's close wants.
+            ObDereferenceObjectDeferDelete(&file.object);
+            for (PKEVENT event : {waiter, synchronous}) {
+                if (event != nullptr && (tell || event == synchronous))
+                    KeSetEvent(event, IO_NO_INCREMENT, FALSE);
             }
             if (waiter != nullptr)
                 ObDereferenceObject(waiter);
-            ObDereferenceObject(&file.object);
         };
     });
     status = IoCallDriver(top, irp);
     ObDereferenceObject(top);
-    if (status == STATUS_PENDING && file.synchronous) {
-        WaitForObject(&file.object.Event, "ZwDeviceIoControlFile");
-        status = ioStatus->Status;
+    if (synchronous != nullptr) {
+        WaitForObject(synchronous, "ZwDeviceIoControlFile");
+        if (status == STATUS_PENDING)
+            status = ioStatus->Status;
     }
     return status;
 }
@@ -217,6 +227,7 @@ void CleanUpFile(PFILE_OBJECT object) {
         location->MajorFunction = IRP_MJ_CLEANUP;
         location->FileObject = object;
     }));
+    Machine().devices.CountHandles(FileOf(object).pdo, -1);
 }
 
 NTSTATUS CancelFileIo(HANDLE handle) {

@@ -250,7 +250,7 @@ void IrpTable::Complete(PIRP irp) {
         const std::string from = "IRP from " + record.place.Text();
         if (!record.inFlight)
             Violation("IRP completed twice", kRoutine, from);
-        if (irp->CancelRoutine != nullptr)
+        if (__atomic_load_n(&irp->CancelRoutine, __ATOMIC_SEQ_CST) != nullptr)
             Violation("IRP completed with its cancel routine set", kRoutine, from);
         if (irp->IoStatus.Status == STATUS_PENDING)
             Violation("IRP completed with STATUS_PENDING", kRoutine, from);

@@ -26,7 +26,8 @@ class ObjectTable {
     // last reference goes; it frees the body.
     void Add(void *body, ObjectKind kind, std::string name, Place place, std::function<void()> onDelete);
     void Reference(void *body, const char *routine);
-    void Dereference(void *body, const char *routine);
+    // `defer`: a worker deletes it, for callers who may hold a driver's locks.
+    void Dereference(void *body, const char *routine, bool defer = false);
     bool Is(const void *body, ObjectKind kind);
     long References(const void *body);
 

@@ -68,7 +68,7 @@ void ObjectTable::Reference(void *body, const char *routine) {
     ++Find(body, routine).references;
 }
 
-void ObjectTable::Dereference(void *body, const char *routine) {
+void ObjectTable::Dereference(void *body, const char *routine, bool defer) {
     std::function<void()> onDelete;
     {
         std::lock_guard lock(mutex_);
@@ -80,7 +80,7 @@ void ObjectTable::Dereference(void *body, const char *routine) {
     }
     // Deleting may call a driver, which is not for DISPATCH_LEVEL: then a worker does it.
     const Thread *thread = CurrentThreadOrNull();
-    if (thread == nullptr || thread->irql == PASSIVE_LEVEL)
+    if (!defer && (thread == nullptr || thread->irql == PASSIVE_LEVEL))
         onDelete();
     else
         Machine().workQueue.Run(std::move(onDelete));
@@ -230,6 +230,11 @@ LONG_PTR NTAPI ObfDereferenceObject(PVOID object) {
     RequireIrqlAtMost(DISPATCH_LEVEL, "ObDereferenceObject");
     Machine().objects.Dereference(object, "ObDereferenceObject");
     return 0;
+}
+
+void NTAPI ObDereferenceObjectDeferDelete(PVOID object) {
+    RequireIrqlAtMost(DISPATCH_LEVEL, "ObDereferenceObjectDeferDelete");
+    Machine().objects.Dereference(object, "ObDereferenceObjectDeferDelete", true);
 }
 
 NTSTATUS NTAPI ZwClose(HANDLE handle) {

@@ -97,6 +97,7 @@ void UnloadDriver(PDRIVER_OBJECT driver) {
     constexpr const char *kRoutine = "DriverUnload";
     RequireIrqlAtMost(PASSIVE_LEVEL, kRoutine);
     State &state = Machine();
+    state.devices.WaitForRemovals();
     if (driver->DriverUnload != nullptr) {
         driver->DriverUnload(driver);
         RequireCleanReturn(CurrentThread(kRoutine), PASSIVE_LEVEL, 0, kRoutine, "the routine");
@@ -152,6 +153,7 @@ void RemoveDeviceStack(PDEVICE_OBJECT pdo, bool surprise) {
     if (surprise)
         static_cast<void>(SendPnp(pdo, IRP_MN_SURPRISE_REMOVAL));
     state.devices.DisableInterfaces(pdo);
+    state.devices.WaitUntilDrained(pdo);
     if (!state.devices.DeferRemoval(pdo))
         SendRemoval(pdo);
 }

@@ -72,7 +72,6 @@ Runtime::~Runtime() {
     RemoveFaultHandler();
     state_->dispatcher.Finish(thread, kRoutine);
     SetCurrentThread(nullptr);
-    state_.reset(); // checks what was freed once more, so the runtime is still the current one
     current.store(nullptr, std::memory_order_release);
 }
 
