@@ -18,14 +18,17 @@ struct Piece {
     NTSTATUS status = STATUS_SUCCESS;
 };
 
+struct Outcome {
+    ULONG delivered, dropped;
+    UCHAR lastFid;
+    ULONG noBuffer = 0;
+};
 struct Case {
     const char *name;
     std::vector<Piece> script;
     std::vector<std::string> events;
-    ULONG delivered, dropped;
-    UCHAR lastFid;
+    Outcome outcome;
     bool discard = true;
-    ULONG noBuffer = 0;
 };
 
 class FrameAssemblyTest : public testing::Test {
@@ -83,12 +86,12 @@ class FrameAssemblyTest : public testing::Test {
             while (SharedLoad(camera->stream.worker.queued) != 0) // what the worker refuses is another test's matter
                 SleepMs(1);
         }
-        EXPECT_EQ(camera->stream.lastFid, c.lastFid);
+        EXPECT_EQ(camera->stream.lastFid, c.outcome.lastFid);
         WorkerDestroy(*camera);
         EXPECT_EQ(sink->Events(), c.events);
-        EXPECT_EQ(camera->stream.delivered, c.delivered);
-        EXPECT_EQ(camera->stream.dropped, c.dropped);
-        EXPECT_EQ(camera->stream.noBuffer, c.noBuffer);
+        EXPECT_EQ(camera->stream.delivered, c.outcome.delivered);
+        EXPECT_EQ(camera->stream.dropped, c.outcome.dropped);
+        EXPECT_EQ(camera->stream.noBuffer, c.outcome.noBuffer);
         Finish();
     }
 
@@ -104,128 +107,105 @@ class FrameAssemblyTest : public testing::Test {
 };
 
 TEST(PayloadHeader, IsOfThreeLengthsAndWhole) {
-    struct Row {
-        std::vector<UCHAR> bytes;
-        bool valid, end;
-        UCHAR fid;
-        std::size_t data;
-    };
-    const Row rows[] = {
-        {{2, 0}, true, false, 0, 0},
-        {{2, 1, 9}, true, false, 1, 1},
-        {{2, 2, 9, 9}, true, true, 0, 2},
-        {{6, 3, 0, 0, 0, 0, 9}, true, true, 1, 1},
-        {{6, 3, 0, 0, 0}, false, 0, 0, 0},
-        {{12, 0xFD, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}, true, false, 1, 0},
-        {{3, 0, 0}, false, 0, 0, 0},
-        {{12, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}, false, 0, 0, 0},
-        {{0, 0}, false, 0, 0, 0},
-        {{1, 0}, false, 0, 0, 0},
-        {{2}, false, 0, 0, 0},
-        {{}, false, 0, 0, 0},
-    };
-    for (const Row &row : rows) {
-        const Payload payload = ParsePayload(row.bytes);
-        EXPECT_EQ(payload.valid, row.valid) << &row - rows;
-        EXPECT_EQ(payload.endOfFrame, row.end) << &row - rows;
-        EXPECT_EQ(payload.fid, row.fid) << &row - rows;
-        EXPECT_EQ(payload.data.size(), row.data) << &row - rows;
+    for (UCHAR header = 0; header < 14; ++header) {
+        for (std::size_t total = 0; total < 16; ++total) {
+            const std::vector<UCHAR> bytes(total, header); // the second byte, too: its low bits are FID and end
+            const Payload payload = ParsePayload(bytes);
+            const bool valid = (header == 2 || header == 6 || header == 12) && total >= header;
+            EXPECT_EQ(payload.valid, valid) << int{header} << " of " << total;
+            EXPECT_EQ(payload.data.size(), valid ? total - header : 0);
+            EXPECT_EQ(payload.endOfFrame, valid && (header & 2) != 0);
+        }
     }
 }
 
 TEST_F(FrameAssemblyTest, Direct) {
     const Case cases[] = {
-        {"three payloads", {{0, 0, 1000}, {0, 0, 1000, 6}, {0, kEnd, 2096, 12}}, {"1*1000 2*1000 3*2096"}, 1, 0, 1},
-        {"the first FID is taken as it is", {{1, kEnd, 4096}, {0, kEnd, 4096}}, {"1*4096", "2*4096"}, 2, 0, 1},
-        {"nothing ended yet", {{1, 0, 4095}}, {}, 0, 0, 1},
-        {"too long is cut", {{0, kEnd, 5000}}, {"1*4096"}, 1, 0, 1},
-        {"a short frame's buffer is filled anew", {{0, kEnd, 4095}, {1, kEnd, 4096}}, {"lost", "2*4096"}, 1, 1, 0},
-        {"or delivered", {{0, kEnd, 4095}, {1, kEnd, 4096}}, {"1*4095 0*1", "2*4096"}, 2, 0, 0, false},
+        {"three payloads", {{0, 0, 1000}, {0, 0, 1000, 6}, {0, kEnd, 2096, 12}}, {"1*1000 2*1000 3*2096"}, {1, 0, 1}},
+        {"the first FID is taken as it is", {{1, kEnd, 4096}, {0, kEnd, 4096}}, {"1*4096", "2*4096"}, {2, 0, 1}},
+        {"nothing ended yet", {{1, 0, 4095}}, {}, {0, 0, 1}},
+        {"too long is cut", {{0, kEnd, 5000}}, {"1*4096"}, {1, 0, 1}},
+        {"a short frame's buffer is filled anew", {{0, kEnd, 4095}, {1, kEnd, 4096}}, {"lost", "2*4096"}, {1, 1, 0}},
+        {"or delivered", {{0, kEnd, 4095}, {1, kEnd, 4096}}, {"1*4095 0*1", "2*4096"}, {2, 0, 0}, false},
         {"full without end is dropped, its rest ignored",
          {{0, 0, 4096}, {0, 0, 100}, {0, kEnd, 10}, {1, kEnd, 4096}},
          {"lost", "4*4096"},
-         1,
-         1,
-         0},
-        {"whatever the setting", {{0, 0, 4096}}, {"lost"}, 0, 1, 1, false},
+         {1, 1, 0}},
+        {"whatever the setting", {{0, 0, 4096}}, {"lost"}, {0, 1, 1}, false},
         {"FID changes end short frames",
          {{0, 0, 4000}, {1, 0, 4000}, {0, 0, 96}, {0, kEnd, 4000}},
          {"lost", "lost", "3*96 4*4000"},
-         1,
-         2,
-         1},
-        {"which are delivered on demand", {{0, 0, 4000}, {1, 0, 40}}, {"1*4000 0*96"}, 1, 0, 1, false},
+         {1, 2, 1}},
+        {"which are delivered on demand", {{0, 0, 4000}, {1, 0, 40}}, {"1*4000 0*96"}, {1, 0, 1}, false},
         {"an unexpected FID on an empty frame is ignored",
          {{0, kEnd, 4096}, {0, kEnd, 4096}, {0, kEnd, 4096}, {1, kEnd, 4096}},
          {"1*4096", "4*4096"},
-         2,
-         0,
-         0},
-        {"an end without data", {{0, kEnd, 0}}, {"lost"}, 0, 1, 1},
-        {"bad headers", {{0, kEnd, 4096, 1}, {0, kEnd, 4096, 3}, {0, 0, 1, 0}}, {}, 0, 0, kFidUnknown},
+         {2, 0, 0}},
+        {"an end without data", {{0, kEnd, 0}}, {"lost"}, {0, 1, 1}},
+        {"bad headers", {{0, kEnd, 4096, 1}, {0, kEnd, 4096, 3}, {0, 0, 1, 0}}, {}, {0, 0, kFidUnknown}},
     };
     for (const Case &c : cases)
         Run<UvcCamera>(c);
-    Run<UvcCamera>({"no buffer", {{0, 0, 100}, {0, kEnd, 100}}, {}, 0, 0, 1, true, 2}, false, false, 0);
+    Run<UvcCamera>({"no buffer", {{0, 0, 100}, {0, kEnd, 100}}, {}, {0, 0, 1, 2}}, false, false, 0);
 }
 
 TEST_F(FrameAssemblyTest, WholeTransfers) {
     constexpr NTSTATUS kKept = STATUS_MORE_PROCESSING_REQUIRED;
     constexpr NTSTATUS kRetired = STATUS_CANCELLED;
     const Case cases[] = {
-        {"an end is not needed", {{0, 0, 4096, 12, kKept}, {1, kEnd, 4096, 2, kKept}}, {"1*4096", "2*4096"}, 2, 0, 0},
-        {"longer is cut by the conversion", {{0, kEnd, 5000, 2, kKept}}, {"1*4096"}, 1, 0, 1},
-        {"short costs the transfer", {{0, kEnd, 4095, 2, kRetired}, {1, 0, 4096, 2, kKept}}, {"2*4096"}, 1, 0, 0},
-        {"a gap of two bytes is none", {{0, 0, 4094, 2, kKept}}, {"1*4096"}, 1, 0, 1, false},
-        {"a gap of three costs a row", {{0, 0, 4093, 2, kKept}}, {"1*4032 0*64"}, 1, 0, 1, false},
-        {"48 rows are converted", {{0, 0, 3073, 2, kKept}}, {"1*3072 0*1024"}, 1, 0, 1, false},
-        {"47 rows are not", {{0, 0, 3072, 2, kKept}}, {"0*4096"}, 1, 0, 1, false},
-        {"nothing at all", {{0, kEnd, 0, 2, kKept}}, {"0*4096"}, 1, 0, 1, false},
+        {"an end is not needed", {{0, 0, 4096, 12, kKept}, {1, kEnd, 4096, 2, kKept}}, {"1*4096", "2*4096"}, {2, 0, 0}},
+        {"longer is cut by the conversion", {{0, kEnd, 5000, 2, kKept}}, {"1*4096"}, {1, 0, 1}},
+        {"short costs the transfer", {{0, kEnd, 4095, 2, kRetired}, {1, 0, 4096, 2, kKept}}, {"2*4096"}, {1, 0, 0}},
+        {"a gap of two bytes is none", {{0, 0, 4094, 2, kKept}}, {"1*4096"}, {1, 0, 1}, false},
+        {"a gap of three costs a row", {{0, 0, 4093, 2, kKept}}, {"1*4032 0*64"}, {1, 0, 1}, false},
+        {"48 rows are converted", {{0, 0, 3073, 2, kKept}}, {"1*3072 0*1024"}, {1, 0, 1}, false},
+        {"47 rows are not", {{0, 0, 3072, 2, kKept}}, {"0*4096"}, {1, 0, 1}, false},
+        {"nothing at all", {{0, kEnd, 0, 2, kKept}}, {"0*4096"}, {1, 0, 1}, false},
     };
     for (const Case &c : cases)
         Run<WorkerCamera>(c);
-    Run<WorkerCamera>({"no buffer", {{0, kEnd, 4096}}, {}, 0, 0, 1, true, 1}, false, false, 0);
+    Run<WorkerCamera>({"no buffer", {{0, kEnd, 4096}}, {}, {0, 0, 1, 1}}, false, false, 0);
 }
 
 TEST_F(FrameAssemblyTest, Collecting) {
     const Case cases[] = {
-        {"two payloads", {{0, 0, 2048}, {0, kEnd, 2048}}, {"1*2048 2*2048"}, 1, 0, 1},
-        {"full is the end", {{0, 0, 4096}, {1, 0, 4096}}, {"1*4096", "2*4096"}, 2, 0, 0},
-        {"too long is cut", {{0, 0, 4000}, {0, kEnd, 4000}}, {"1*4000 2*96"}, 1, 0, 1},
-        {"a short end shifts nothing", {{0, kEnd, 1000}, {1, 0, 96}, {1, kEnd, 4000}}, {"2*96 3*4000"}, 1, 1, 0},
-        {"or is delivered", {{0, kEnd, 4093}, {1, kEnd, 4096}}, {"1*4032 0*64", "2*4096"}, 2, 0, 0, false},
-        {"a FID change drops what was there", {{0, 0, 1000}, {1, 0, 96}, {1, kEnd, 4000}}, {"2*96 3*4000"}, 1, 0, 0},
+        {"two payloads", {{0, 0, 2048}, {0, kEnd, 2048}}, {"1*2048 2*2048"}, {1, 0, 1}},
+        {"full is the end", {{0, 0, 4096}, {1, 0, 4096}}, {"1*4096", "2*4096"}, {2, 0, 0}},
+        {"too long is cut", {{0, 0, 4000}, {0, kEnd, 4000}}, {"1*4000 2*96"}, {1, 0, 1}},
+        {"a short end shifts nothing", {{0, kEnd, 1000}, {1, 0, 96}, {1, kEnd, 4000}}, {"2*96 3*4000"}, {1, 1, 0}},
+        {"or is delivered", {{0, kEnd, 4093}, {1, kEnd, 4096}}, {"1*4032 0*64", "2*4096"}, {2, 0, 0}, false},
+        {"a FID change drops what was there", {{0, 0, 1000}, {1, 0, 96}, {1, kEnd, 4000}}, {"2*96 3*4000"}, {1, 0, 0}},
         {"an end of its own behind a full buffer",
          {{0, 0, 4096}, {0, kEnd, 0}, {1, 0, 96}, {1, kEnd, 4000}},
          {"1*4096", "3*96 4*4000"},
-         2,
-         0,
-         0},
+         {2, 0, 0}},
         {"likewise without discarding",
          {{0, 0, 4096}, {0, kEnd, 0}, {1, 0, 4096}},
          {"1*4096", "3*4096"},
-         2,
-         0,
-         0,
+         {2, 0, 0},
          false},
     };
     for (const Case &c : cases)
         Run<WorkerCamera>(c, true);
-    Run<WorkerCamera>({"no buffer", {{0, 0, 4096}}, {}, 0, 0, 1, true, 1}, true, false, 0);
+    Run<WorkerCamera>({"no buffer", {{0, 0, 4096}}, {}, {0, 0, 1, 1}}, true, false, 0);
 }
 
 TEST_F(FrameAssemblyTest, LargePayloads) {
     const Case cases[] = {
-        {"two pieces", {{0, 0, 4000}, {0, 0, 96, 0}}, {"1*4000 102*96"}, 1, 0, kFidUnknown},
-        {"one piece", {{0, 0, 4096}}, {"1*4096"}, 1, 0, kFidUnknown},
-        {"a header begins anew", {{0, 0, 4000}, {0, 0, 4000}, {0, 0, 99, 0}}, {"2*4000 103*96"}, 1, 0, kFidUnknown},
-        {"the second piece ends the frame", {{0, 0, 100}, {0, 0, 100, 0}, {0, 0, 3896, 0}}, {}, 0, 0, kFidUnknown},
-        {"and is delivered on demand", {{0, 0, 4000}, {0, 0, 93, 0}}, {"1*4000 102*32 0*64"}, 1, 0, kFidUnknown, false},
-        {"a piece without a beginning", {{0, 0, 4096, 0}}, {}, 0, 0, kFidUnknown},
+        {"two pieces", {{0, 0, 4000}, {0, 0, 96, 0}}, {"1*4000 102*96"}, {1, 0, kFidUnknown}},
+        {"one piece", {{0, 0, 4096}}, {"1*4096"}, {1, 0, kFidUnknown}},
+        {"a header begins anew", {{0, 0, 4000}, {0, 0, 4000}, {0, 0, 99, 0}}, {"2*4000 103*96"}, {1, 0, kFidUnknown}},
+        {"the second piece ends the frame", {{0, 0, 100}, {0, 0, 100, 0}, {0, 0, 3896, 0}}, {}, {0, 0, kFidUnknown}},
+        {"and is delivered on demand",
+         {{0, 0, 4000}, {0, 0, 93, 0}},
+         {"1*4000 102*32 0*64"},
+         {1, 0, kFidUnknown},
+         false},
+        {"a piece without a beginning", {{0, 0, 4096, 0}}, {}, {0, 0, kFidUnknown}},
     };
     for (const Case &c : cases)
         Run<WorkerCamera>(c, true, true);
-    Run<UvcCamera>({"nobody converts", {{0, 0, 4096}, {0, 0, 4096}}, {}, 0, 0, kFidUnknown}, true, true);
+    Run<UvcCamera>({"nobody converts", {{0, 0, 4096}, {0, 0, 4096}}, {}, {0, 0, kFidUnknown}}, true, true);
 }
 
 TEST_F(FrameAssemblyTest, TheWorkerHoldsTwoFramesAndRefusesAThird) {
