@@ -95,6 +95,8 @@ NTSTATUS Port::Submit(Request request) {
                 MakeCancellable(queue->back());
             }
             ++outstanding_;
+            if (request.urb != nullptr)
+                inFlight_.push_back(request.urb);
         }
     }
     if (refusal != USBD_STATUS_SUCCESS) {
@@ -132,11 +134,9 @@ USBD_STATUS Port::Refusal(const URB &urb) const {
 }
 
 RequestQueue *Port::QueueFor(const Request &request) {
-    ForEachQueue([&request](const RequestQueue &queue) {
-        if (request.urb != nullptr && std::ranges::find(queue, request.urb, &Request::urb) != queue.end())
-            Violation("a URB is submitted while it is in flight", "IOCTL_INTERNAL_USB_SUBMIT_URB",
-                      "function " + std::to_string(request.urb->UrbHeader.Function));
-    });
+    if (request.urb != nullptr && std::ranges::find(inFlight_, request.urb) != inFlight_.end())
+        Violation("a URB is submitted while it is in flight", "IOCTL_INTERNAL_USB_SUBMIT_URB",
+                  "function " + std::to_string(request.urb->UrbHeader.Function));
     if (request.urb == nullptr || request.urb->UrbHeader.Function == URB_FUNCTION_ABORT_PIPE)
         return &management_;
     if (request.urb->UrbHeader.Function != URB_FUNCTION_BULK_OR_INTERRUPT_TRANSFER)
@@ -340,6 +340,7 @@ void Port::Finish(Request &request, USBD_STATUS status, std::size_t length) {
     {
         SpinLockGuard guard(lock_);
         --outstanding_;
+        std::erase(inFlight_, request.urb);
     }
     if (request.waiter != nullptr)
         KeSetEvent(&request.waiter->event, IO_NO_INCREMENT, FALSE);

@@ -13,6 +13,7 @@
 #include <atomic>
 #include <memory>
 #include <random>
+#include <vector>
 
 namespace host::usb {
 
@@ -108,6 +109,7 @@ class Port {
     bool released_ = false;     // until the bus thread has seen it; for ever when the device is gone
     bool anyCancelled_ = false; // spares the bus thread the search
     ULONG outstanding_ = 0;
+    std::vector<PURB> inFlight_; // also those that the bus thread has taken out of their queue
     std::minstd_rand chance_;
     RequestQueue management_; // aborts and requests to the port: they do not wait for the wire
     RequestQueue control_;    // the default pipe

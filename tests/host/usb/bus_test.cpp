@@ -523,6 +523,7 @@ TEST_F(BusTest, UnplugEndsEverything) {
     runtime_.Arm(FaultPlan().FailTransfer(1, TransferFault::Hang));
     auto control = GetDescriptor(pdo_, 1, 0, 18);
     control->Send();
+    EXPECT_FALSE(control->Completes(kSecond));
     auto bulk = BulkRead(pdo_, bulk_, 4);
     bulk->Send();
     EXPECT_FALSE(bulk->Completes(kSecond));
