@@ -1,5 +1,6 @@
 #include "usb/frame_pool.h"
 
+#include "platform/list.h"
 #include "platform/lock.h"
 
 #include <algorithm>
@@ -17,7 +18,7 @@ using PoolBufferPointer = PoolPointer<PoolBuffer, pool_tag::Array>;
 PoolBuffer *TakeFree(FramePool &pool) {
     if (IsListEmpty(&pool.freeList))
         return nullptr;
-    return CONTAINING_RECORD(RemoveHeadList(&pool.freeList), PoolBuffer, link);
+    return RecordOf<PoolBuffer>(RemoveHeadList(&pool.freeList));
 }
 
 NTSTATUS AddBuffer(FramePool &pool, ULONG frameSize) {

@@ -1,6 +1,7 @@
 #include "usb/stream_worker.h"
 
 #include "camera/uvc_camera.h"
+#include "platform/list.h"
 #include "platform/lock.h"
 #include "platform/shared_field.h"
 
@@ -29,7 +30,7 @@ WorkerNode *PopHead(LIST_ENTRY &list, KSPIN_LOCK &lock) {
     SpinLockGuard guard(lock);
     if (IsListEmpty(&list))
         return nullptr;
-    return CONTAINING_RECORD(RemoveHeadList(&list), WorkerNode, link);
+    return RecordOf<WorkerNode>(RemoveHeadList(&list));
 }
 
 // Takes a node off the list unless somebody else has done so.

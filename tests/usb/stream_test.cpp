@@ -44,11 +44,11 @@ TEST_F(StreamTest, NegotiatesOnlyWhatIsNeeded) {
         EXPECT_EQ(device.TakeRequests(), requests);
     };
     negotiate(STATUS_SUCCESS, kAll);
-    EXPECT_EQ(device.commit.bmHint, 1);
+    EXPECT_EQ(+device.commit.bmHint, 1);
     EXPECT_EQ(device.commit.bFormatIndex, 1);
     EXPECT_EQ(device.commit.bFrameIndex, 1);
-    EXPECT_EQ(device.commit.dwFrameInterval, kInterval);
-    EXPECT_EQ(camera->descriptors->committed.dwMaxPayloadTransferSize, kFrameSize + 2);
+    EXPECT_EQ(+device.commit.dwFrameInterval, kInterval);
+    EXPECT_EQ(+camera->descriptors->committed.dwMaxPayloadTransferSize, kFrameSize + 2);
     EXPECT_EQ(camera->stream.sensor.bmiHeader.biSizeImage, kFrameSize);
     EXPECT_EQ(camera->stream.output.AvgTimePerFrame, kInterval);
     negotiate(STATUS_SUCCESS, "get probe"); // the camera is in the wanted state
@@ -66,7 +66,7 @@ TEST_F(StreamTest, NegotiatesOnlyWhatIsNeeded) {
     format.AvgTimePerFrame = 350'000;
     negotiate(STATUS_SUCCESS, kAll);
     negotiate(STATUS_SUCCESS, "get probe, set probe, get probe");
-    EXPECT_EQ(camera->descriptors->committed.dwFrameInterval, 400'000u);
+    EXPECT_EQ(+camera->descriptors->committed.dwFrameInterval, 400'000u);
 
     device.onProbe = [](ProbeCommitBlock &block) { block.bFrameIndex = 1; };
     format.AvgTimePerFrame = 360'000;
