@@ -3,7 +3,13 @@
 
 #include "host/executive/state.h"
 
+#include <algorithm>
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <dlfcn.h>
+#include <ucontext.h>
+#include <unistd.h>
 #include <utility>
 
 namespace host {
@@ -25,14 +31,28 @@ Handled handled[] = {
     siglongjmp(frame->context, static_cast<int>(status));
 }
 
-void OnFault(int signal, siginfo_t *info, void *) {
+// As Violation, within what a signal handler may do.
+[[noreturn]] void ReportPagedTouch(void *address, const ucontext_t &context, KIRQL level) {
+    auto *code = reinterpret_cast<char *>(context.uc_mcontext.gregs[REG_RIP]);
+    Dl_info where{};
+    const bool known = dladdr(code, &where) != 0;
+    char line[512];
+    const int length = std::snprintf(
+        line, sizeof line,
+        "uvc runtime: violation: paged pool at raised IRQL: memory access: address %p at level %u by %s+0x%tx\n",
+        address, level, known && where.dli_sname != nullptr ? where.dli_sname : "code",
+        code - static_cast<char *>(where.dli_sname != nullptr ? where.dli_saddr : where.dli_fbase));
+    static_cast<void>(!write(STDERR_FILENO, line, std::min<std::size_t>(length, sizeof line - 1)));
+    std::abort();
+}
+
+void OnFault(int signal, siginfo_t *info, void *context) {
     Thread *thread = CurrentThreadOrNull();
     if (thread != nullptr && signal == SIGSEGV) {
         PagedArena &arena = Machine().pagedArena;
         if (arena.Contains(info->si_addr)) {
             if (thread->irql >= DISPATCH_LEVEL && thread->ownPagedAccess == 0)
-                Violation("paged pool at raised IRQL", "memory access",
-                          Format("address %p at level %u", info->si_addr, thread->irql));
+                ReportPagedTouch(info->si_addr, *static_cast<ucontext_t *>(context), thread->irql);
             arena.PageIn();
             return;
         }
@@ -40,8 +60,11 @@ void OnFault(int signal, siginfo_t *info, void *) {
     for (const Handled &entry : handled) {
         if (entry.signal != signal)
             continue;
-        if (thread != nullptr && thread->guard != nullptr)
+        if (thread != nullptr && thread->guard != nullptr) {
+            // The jump does not restore what was blocked for the handler; a sanitizer blocks more than was asked for.
+            pthread_sigmask(SIG_SETMASK, &static_cast<ucontext_t *>(context)->uc_sigmask, nullptr);
             Leave(*thread, entry.status);
+        }
         sigaction(signal, &entry.before, nullptr); // the instruction runs again and meets whoever was there before
     }
 }

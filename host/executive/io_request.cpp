@@ -37,6 +37,7 @@ NTSTATUS GuardedCopy(void *to, const void *from, std::size_t size) {
     return GuardedCall(
         [](void *given) {
             auto &copy = *static_cast<CopyContext *>(given);
+            ProbeForRead(copy.from, copy.size, 1);
             std::memcpy(copy.to, copy.from, copy.size);
         },
         &context);

@@ -8,7 +8,7 @@ namespace host {
 namespace {
 
 constexpr auto kPageMask = static_cast<ULONG_PTR>(PAGE_SIZE - 1);
-constexpr auto kUserLimit = ULONG_PTR{0x7FFF'FFFF'0000};
+constexpr auto kUserLimit = ULONG_PTR{0x7FFF'FFFF'F000}; // Linux's, a little above Windows'
 
 char *BufferOf(PMDL mdl) {
     return static_cast<char *>(MmGetMdlVirtualAddress(mdl));

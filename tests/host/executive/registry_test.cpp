@@ -145,7 +145,7 @@ TEST_F(RegistryTest, DamagedFileIsNotOverwritten) {
     runtime_.reset();
     const std::string damaged = R"({ "\\Registry": { "a": )";
     std::ofstream(file_) << damaged;
-    GTEST_FLAG_SET(death_test_style, "fast");
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(Boot(), "violation: registry file");
     EXPECT_EQ(std::filesystem::file_size(file_), damaged.size());
 }
