@@ -193,7 +193,7 @@ TEST(StreamingPin, SeveralFramesInOneRequest) {
     headers[1].Size = 60;
     EXPECT_EQ(read(sizeof(headers), ioStatus), STATUS_INVALID_BUFFER_SIZE) << "sizes are multiples of 8";
     headers[1].Size = sizeof(KSSTREAM_HEADER);
-    headers[1].Data = reinterpret_cast<void *>(std::uintptr_t{64});
+    headers[1].Data = reinterpret_cast<void *>(std::uintptr_t{0x20'0040});
     EXPECT_EQ(read(sizeof(headers), ioStatus), STATUS_ACCESS_VIOLATION);
     headers[1].Data = &buffers[kFrameSize];
     EXPECT_EQ(read(sizeof(headers), ioStatus), STATUS_PENDING);

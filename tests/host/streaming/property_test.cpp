@@ -121,7 +121,7 @@ TEST(StreamingProperty, BadAddressesAreRefused) {
     Filter filter;
     ASSERT_EQ(filter.Open(machine.Link()), STATUS_SUCCESS);
     KSPROPERTY property{.Set = kTestSet, .Id = kSupported, .Flags = KSPROPERTY_TYPE_GET};
-    auto *nowhere = reinterpret_cast<void *>(std::uintptr_t{64});
+    auto *nowhere = reinterpret_cast<void *>(std::uintptr_t{0x20'0040});
     EXPECT_EQ(filter.RawProperty(nowhere, sizeof(property), nullptr, 0), STATUS_ACCESS_VIOLATION);
     EXPECT_EQ(filter.RawProperty(&property, sizeof(property), nowhere, 32), STATUS_ACCESS_VIOLATION);
 }
