@@ -154,6 +154,17 @@ TEST_F(BulkEngineTest, ClearsTheBufferBeforeEverySubmissionWhenAsked) {
     }
 }
 
+TEST_F(BulkEngineTest, ATransferKeptWhileStoppingIsDoneWhenItIsHandedBack) {
+    Start();
+    verdict = STATUS_MORE_PROCESSING_REQUIRED;
+    InterlockedExchange(&engine->stopping, 1); // a stop has begun on another processor
+    Deliver();
+    EXPECT_EQ(KeReadStateEvent(&last->done), 0);
+    BulkEngineHandBack(*engine, *last);
+    EXPECT_NE(KeReadStateEvent(&last->done), 0);
+    BulkEngineStop(*engine);
+}
+
 TEST_F(BulkEngineTest, StopWaitsForATransferThatAConsumerKeeps) {
     Start();
     verdict = STATUS_MORE_PROCESSING_REQUIRED;
