@@ -317,6 +317,33 @@ TEST(StreamingPin, CancelWaitsForAClone) {
     EXPECT_EQ(done->Status(), STATUS_CANCELLED) << "the first failure counts";
 }
 
+// Sender, producer and canceller meet on the same requests: each comes back once, filled or cancelled.
+TEST(StreamingPin, CancelRacesWithDelivery) {
+    Machine machine;
+    std::vector<std::unique_ptr<Frame>> frames(8);
+    for (auto &frame : frames)
+        frame = std::make_unique<Frame>(kFrameSize);
+    OpenPin open(machine);
+    ASSERT_EQ(open.pin.SetState(KSSTATE_RUN), STATUS_SUCCESS);
+    for (int round = 0; round < 50; ++round) {
+        for (auto &frame : frames)
+            ASSERT_EQ(open.pin.Queue(*frame), STATUS_SUCCESS);
+        host::AttachedThread canceller("canceller", [&] {
+            Sleep(20); // when the second frame is due
+            host::CancelFileIo(open.pin.Handle());
+        });
+        for (auto &expected : frames) {
+            Frame *done = nullptr;
+            ASSERT_EQ(open.pin.NextFrame(&done), STATUS_SUCCESS);
+            ASSERT_EQ(done, expected.get());
+            EXPECT_TRUE(done->Status() == STATUS_SUCCESS || done->Status() == STATUS_CANCELLED);
+        }
+        EXPECT_EQ(frames[0]->Status(), STATUS_SUCCESS);
+        EXPECT_EQ(frames[7]->Status(), STATUS_CANCELLED);
+        canceller.Join();
+    }
+}
+
 // The process routine is called for the step into RUN and for a frame at an exhausted queue; after STATUS_PENDING not
 // again until the driver asks, then for as long as it takes frames.
 TEST(StreamingPin, ProcessingIsTriggeredByFramesAndByTheDriver) {

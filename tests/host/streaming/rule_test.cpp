@@ -96,7 +96,14 @@ const Case kCases[] = {
              return STATUS_SUCCESS;
          });
      }},
-    {"pin bag from a callback without the mutex", "KsFilterMutex: KsAddItemToObjectBag",
+    {"device mutex taken under the control mutex", "lock order: ",
+     [] {
+         return In<&Hooks::setState>([](PKSPIN pin, KSSTATE, KSSTATE) {
+             KsAcquireDevice(KsGetDevice(pin));
+             return STATUS_SUCCESS;
+         });
+     }},
+    {"filter bag from a handler without the mutex", "KsFilterMutex: KsAddItemToObjectBag",
      [] {
          return In<&Hooks::getValue>([](PIRP irp, PVOID) {
              PKSFILTER filter = KsGetFilterFromIrp(irp);
