@@ -31,9 +31,12 @@ void *AllocationList::UntrackOne() {
     return block;
 }
 
-void AllocationList::Delete() {
+void AllocationList::FreeBlocks() {
     while (void *block = UntrackOne())
         ExFreePool(block);
+}
+
+void AllocationList::Delete() {
     ExDeletePagedLookasideList(&nodes_);
 }
 

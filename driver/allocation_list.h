@@ -17,7 +17,10 @@ class AllocationList {
     // Gives the newest block back to the caller; null when there is none. IRQL: <= APC_LEVEL.
     void *UntrackOne();
 
-    // Frees every block and the lookaside list. IRQL: PASSIVE_LEVEL.
+    // Frees every block. IRQL: <= APC_LEVEL.
+    void FreeBlocks();
+
+    // Ends an empty list. IRQL: PASSIVE_LEVEL.
     void Delete();
 
   private:

@@ -1,6 +1,7 @@
 #include "driver/capture_pin.h"
 
 #include "camera/uvc_camera.h"
+#include "driver/pin_format.h"
 #include "driver/uvc_device.h"
 #include "platform/lock.h"
 #include "platform/pool.h"
@@ -11,6 +12,7 @@ namespace uvc {
 namespace {
 
 constexpr ULONG kFramesPerPin = 3;
+constexpr ULONG kFlipMessageLevel = 81;
 
 void FreeCapturePin(void *context) {
     ExFreePool(context);
@@ -95,21 +97,23 @@ NTSTATUS CapturePin::Claim() {
         acquired = FALSE;
         return STATUS_SHARING_VIOLATION;
     }
-    device->pin = this;
-    device->format = format;
     SharedStore(droppedFrames, 0ull);
     SharedStore(frames, 0ull);
-    acquired = TRUE;
+    {
+        SpinLockGuard guard(device->pinLock);
+        device->pin = this;
+        device->format = format;
+        acquired = TRUE;
+    }
     if (!NT_SUCCESS(KsPinGetReferenceClockInterface(pin, &clock)))
         clock = nullptr;
     return STATUS_SUCCESS;
 }
 
 NTSTATUS CapturePin::Stop() {
-    if (runState != RunState::Idle) {
+    if (runState != RunState::Idle && device->camera != nullptr)
         static_cast<void>(StreamStop(*device->camera)); // cannot fail
-        runState = RunState::Idle;
-    }
+    runState = RunState::Idle;
     return STATUS_SUCCESS;
 }
 
@@ -119,15 +123,20 @@ NTSTATUS CapturePin::Release() {
         if (clock != nullptr)
             clock->Release();
         clock = nullptr;
-        device->format = nullptr;
-        device->pin = nullptr;
+        {
+            SpinLockGuard guard(device->pinLock);
+            device->format = nullptr;
+            device->pin = nullptr;
+            acquired = FALSE;
+        }
         InterlockedExchange(&device->pinClaim, 0);
-        acquired = FALSE;
     }
     return STATUS_SUCCESS;
 }
 
 NTSTATUS CapturePin::Pause() {
+    if (device->camera == nullptr) // lost in a restart that failed
+        return STATUS_DEVICE_NOT_CONNECTED;
     NTSTATUS status = StreamPause(*device->camera, true);
     if (NT_SUCCESS(status))
         runState = RunState::Paused;
@@ -135,6 +144,8 @@ NTSTATUS CapturePin::Pause() {
 }
 
 NTSTATUS CapturePin::Run() {
+    if (device->camera == nullptr)
+        return STATUS_DEVICE_NOT_CONNECTED;
     NTSTATUS status = runState == RunState::Paused ? StreamPause(*device->camera, false)
                                                    : StreamStart(*device->camera, *device->format);
     if (NT_SUCCESS(status))
@@ -158,6 +169,7 @@ KSSTREAM_POINTER *CapturePin::AcquireFrame() {
         if (clone != nullptr)
             static_cast<void>(KsStreamPointerAdvance(edge)); // an empty queue behind this frame is no failure
     }
+    // An advance past the last frame has lost the lock; the unlock is then without effect.
     KsStreamPointerUnlock(edge, FALSE);
     return clone;
 }
@@ -195,10 +207,43 @@ void CapturePin::Stamp(KSSTREAM_POINTER *frame) {
     header->PresentationTime.Numerator = 1;
     header->PresentationTime.Denominator = 1;
     header->PresentationTime.Time = 0;
+    header->OptionsFlags &= ~static_cast<ULONG>(KSSTREAM_HEADER_OPTIONSF_TIMEVALID);
     if (clock != nullptr) {
         LONGLONG systemTime = 0;
         header->PresentationTime.Time = clock->GetCorrelatedTime(&systemTime);
         header->OptionsFlags |= KSSTREAM_HEADER_OPTIONSF_TIMEVALID;
+    }
+}
+
+KS_VIDEOINFOHEADER *CapturePin::SetPinFormat() {
+    const auto &info = reinterpret_cast<const KS_DATAFORMAT_VIDEOINFOHEADER *>(pin->ConnectionFormat)->VideoInfoHeader;
+    const ULONG size = info.bmiHeader.biSize + kInfoBeforeBitmap;
+    auto *copy = static_cast<KS_VIDEOINFOHEADER *>(PoolAllocateZeroed(NonPagedPool, size, pool_tag::PinFormat));
+    if (copy == nullptr)
+        return nullptr;
+    if (!NT_SUCCESS(KsAddItemToObjectBag(pin->Bag, copy, nullptr))) {
+        ExFreePool(copy);
+        return nullptr;
+    }
+    RtlCopyMemory(copy, &info, size);
+    Publish(format, copy);
+    // A later start of this pin's stream begins with the new orientation. A pin that does not hold the camera has no
+    // say in the stream of the one that does.
+    if (acquired) {
+        device->format = copy;
+        TurnStreamOver(copy->bmiHeader.biHeight);
+    }
+    return copy;
+}
+
+void CapturePin::TurnStreamOver(LONG height) {
+    if (device->camera == nullptr)
+        return;
+    StreamState &stream = device->camera->stream;
+    MutexGuard guard(stream.mutex);
+    if (stream.streaming) {
+        SharedStore(stream.output.bmiHeader.biHeight, height);
+        DbgPrintEx(1, kFlipMessageLevel, "[uvc_drv] Recognized flip of image \n");
     }
 }
 
@@ -231,7 +276,8 @@ NTSTATUS CapturePin::HandlePinProperty(PropertyRequest &request, NTSTATUS defaul
     auto *answer = static_cast<KSPROPERTY_DROPPEDFRAMES_CURRENT_S *>(request.data);
     answer->PictureNumber = static_cast<LONGLONG>(SharedLoad(frames));
     answer->DropCount = static_cast<LONGLONG>(SharedLoad(droppedFrames));
-    answer->AverageFrameSize = acquired && format != nullptr ? format->bmiHeader.biSizeImage : 0;
+    const KS_VIDEOINFOHEADER *current = ReadPublished(format);
+    answer->AverageFrameSize = acquired && current != nullptr ? current->bmiHeader.biSizeImage : 0;
     request.information = sizeof(*answer);
     return STATUS_SUCCESS;
 }

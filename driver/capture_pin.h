@@ -33,7 +33,8 @@ class CapturePin {
     // IRQL: <= DISPATCH_LEVEL. One caller at a time.
     virtual KSSTREAM_POINTER *AcquireFrame();
 
-    // Answers the dropped-frames property; everything else is STATUS_NOT_IMPLEMENTED. IRQL: PASSIVE_LEVEL.
+    // Answers the dropped-frames property; everything else is `defaultStatus`. IRQL: <= DISPATCH_LEVEL. Lock: control
+    // mutex of the pin or pin lock of the device held.
     virtual NTSTATUS HandlePinProperty(PropertyRequest &request, NTSTATUS defaultStatus);
 
     // IRQL: PASSIVE_LEVEL. Lock: the filter's control mutex is held by the class driver.
@@ -66,6 +67,7 @@ class CapturePin {
     NTSTATUS Stay();
 
     void Stamp(KSSTREAM_POINTER *frame);
+    void TurnStreamOver(LONG height);
 };
 
 // KSPIN_DISPATCH and the pin's property item.

@@ -30,6 +30,8 @@ NTSTATUS CopyPropertySets(UvcDevice &device, KSAUTOMATION_TABLE &table) {
         return status;
     table.PropertySets = sets;
     for (ULONG i = 0; i < table.PropertySetsCount; ++i) {
+        if (sets[i].PropertiesCount == 0)
+            continue;
         KSPROPERTY_ITEM *items = nullptr;
         status = CopyTracked(device, PagedPool, sets[i].PropertyItem, sets[i].PropertiesCount, items);
         if (!NT_SUCCESS(status))

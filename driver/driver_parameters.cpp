@@ -22,9 +22,8 @@ ULONG Smaller(ULONG a, ULONG b) {
 
 NTSTATUS SetBlock(UvcCamera &camera, PropertyRequest &request) {
     // The data is the caller's output buffer; the input length alone would let it be read beyond its end.
-    ULONG length = kBlockLength;
-    if (request.property->Id == kPassThrough)
-        length = request.irp != nullptr ? Smaller(request.inputLength, request.outputLength) : request.inputLength;
+    const ULONG length =
+        request.property->Id == kPassThrough ? Smaller(request.inputLength, request.outputLength) : kBlockLength;
     return camera.SetParameterBlock(request.property->Id, static_cast<UCHAR *>(request.data), length);
 }
 
@@ -59,6 +58,8 @@ NTSTATUS GetValue(UvcCamera &camera, PropertyRequest &request) {
 } // namespace
 
 NTSTATUS HandleDriverParameter(UvcDevice &device, PropertyRequest &request) {
+    if (device.camera == nullptr)
+        return STATUS_DEVICE_NOT_CONNECTED;
     UvcCamera &camera = *device.camera;
     const ULONG id = request.property->Id;
     if (IsSupportQuery(request))

@@ -13,7 +13,7 @@ NTSTATUS StartDevice(PKSDEVICE device, PIRP, PCM_RESOURCE_LIST, PCM_RESOURCE_LIS
 // The filter factory goes by itself: it was created with KSCREATE_ITEM_FREEONSTOP.
 void StopDevice(PKSDEVICE, PIRP) {}
 
-// The camera may be pulled at any time; applications see that as the end of their stream.
+// The camera may be pulled at any time.
 NTSTATUS QueryCapabilities(PKSDEVICE, PIRP, PDEVICE_CAPABILITIES capabilities) {
     if (capabilities == nullptr)
         return STATUS_UNSUCCESSFUL;
@@ -42,7 +42,7 @@ const KSDEVICE_DESCRIPTOR kDeviceDescriptor = {
 extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath) {
     NTSTATUS status = KsInitializeDriver(driver, registryPath, &uvc::kDeviceDescriptor);
 
-    // Composed for a debugger that stands here; the camera object keeps its own copy.
+    // Composed and let go; the camera object composes the copy that is shown.
     WCHAR characters[100];
     UNICODE_STRING banner{.Length = 0, .MaximumLength = sizeof(characters), .Buffer = characters};
     static_cast<void>(uvc::AppendVersionBanner(&banner));

@@ -1,11 +1,6 @@
 #include "driver/pin_format.h"
 
-#include "camera/uvc_camera.h"
 #include "driver/capture_pin.h"
-#include "driver/uvc_device.h"
-#include "platform/lock.h"
-#include "platform/pool.h"
-#include "platform/shared_field.h"
 #include "usb/video_format.h"
 
 #include <cstddef>
@@ -14,14 +9,11 @@ namespace uvc {
 
 namespace {
 
-// biSize counts the bitmap header; what stands before it in each enclosing structure.
-constexpr ULONG kInfoBeforeBitmap = offsetof(KS_VIDEOINFOHEADER, bmiHeader);
+// What stands before the bitmap header in each enclosing structure.
 constexpr ULONG kFormatBeforeBitmap = sizeof(KSDATAFORMAT) + kInfoBeforeBitmap;
 constexpr ULONG kRangeBeforeBitmap = offsetof(KS_DATARANGE_VIDEO, VideoInfoHeader) + kInfoBeforeBitmap;
 static_assert(kInfoBeforeBitmap == 48 && kFormatBeforeBitmap == 112 && kRangeBeforeBitmap == 256);
 static_assert(sizeof(KS_DATAFORMAT_VIDEOINFOHEADER) == 152);
-
-constexpr ULONG kFlipMessageLevel = 81;
 
 bool IsVideoInfo(const KSDATAFORMAT &format, ULONG minimumSize) {
     return IsEqualGUIDAligned(format.Specifier, KSDATAFORMAT_SPECIFIER_VIDEOINFO) && format.FormatSize >= minimumSize;
@@ -106,7 +98,7 @@ NTSTATUS SetCapturePinFormat(PKSPIN pin, PKSDATAFORMAT oldFormat, PKSMULTIPLE_IT
         return STATUS_INVALID_PARAMETER;
 
     if (oldFormat == nullptr)
-        return STATUS_SUCCESS; // the initial format; the pin's context does not exist yet
+        return STATUS_SUCCESS; // the initial format; the pin has no context of its own yet
 
     CapturePin *context = CapturePin::From(pin);
     if (pin->DeviceState != KSSTATE_STOP) {
@@ -116,30 +108,6 @@ NTSTATUS SetCapturePinFormat(PKSPIN pin, PKSDATAFORMAT oldFormat, PKSMULTIPLE_IT
             return STATUS_INVALID_DEVICE_STATE;
     }
     return context->SetPinFormat() != nullptr ? STATUS_SUCCESS : STATUS_INSUFFICIENT_RESOURCES;
-}
-
-KS_VIDEOINFOHEADER *CapturePin::SetPinFormat() {
-    const auto &info = reinterpret_cast<const KS_DATAFORMAT_VIDEOINFOHEADER *>(pin->ConnectionFormat)->VideoInfoHeader;
-    const ULONG size = info.bmiHeader.biSize + kInfoBeforeBitmap;
-    auto *copy = static_cast<KS_VIDEOINFOHEADER *>(PoolAllocateZeroed(NonPagedPool, size, pool_tag::PinFormat));
-    if (copy == nullptr)
-        return nullptr;
-    if (!NT_SUCCESS(KsAddItemToObjectBag(pin->Bag, copy, nullptr))) {
-        ExFreePool(copy);
-        return nullptr;
-    }
-    RtlCopyMemory(copy, &info, size);
-    Publish(format, copy);
-    if (acquired)
-        device->format = copy; // a later start of this pin's stream begins with the new orientation
-
-    StreamState &stream = device->camera->stream;
-    MutexGuard guard(stream.mutex);
-    if (stream.streaming) {
-        SharedStore(stream.output.bmiHeader.biHeight, copy->bmiHeader.biHeight);
-        DbgPrintEx(1, kFlipMessageLevel, "[uvc_drv] Recognized flip of image \n");
-    }
-    return copy;
 }
 
 } // namespace uvc

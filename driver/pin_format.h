@@ -3,7 +3,12 @@
 
 #include "platform/platform.h"
 
+#include <cstddef>
+
 namespace uvc {
+
+// Bytes of a video header before its bitmap header, whose biSize counts only itself.
+inline constexpr ULONG kInfoBeforeBitmap = offsetof(KS_VIDEOINFOHEADER, bmiHeader);
 
 // KSPIN_DESCRIPTOR_EX::IntersectHandler: turns a client's range into a KS_DATAFORMAT_VIDEOINFOHEADER. The client's
 // interval, width and height are taken as they are; SetCapturePinFormat tests them later.

@@ -4,6 +4,7 @@
 #include "driver/property_sets.h"
 #include "driver/uvc_device.h"
 #include "platform/guarded_call.h"
+#include "platform/lock.h"
 
 namespace uvc {
 
@@ -11,8 +12,10 @@ namespace {
 
 constexpr ULONG kTransferTypeMask = 3; // of a control code
 
-// The connected pin answers for the filter; without one there is nobody who counts.
+// The connected pin answers for the filter; without one there is nobody who counts. The pin may belong to another
+// filter, which closes it when it likes: the lock keeps it here. Property and data are the class driver's copies.
 NTSTATUS HandleDroppedFrames(UvcDevice &device, PropertyRequest &request) {
+    SpinLockGuard guard(device.pinLock);
     return device.pin != nullptr ? device.pin->HandlePinProperty(request, STATUS_NOT_IMPLEMENTED)
                                  : STATUS_NOT_IMPLEMENTED;
 }

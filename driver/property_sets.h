@@ -1,4 +1,4 @@
-// The property sets of the filter and of its pin, as constant tables, and the one handler that serves the filter's.
+// The property sets of the filter and of its pin, as constant tables.
 #pragma once
 
 #include "platform/platform.h"

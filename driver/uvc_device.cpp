@@ -13,7 +13,7 @@ namespace uvc {
 namespace {
 
 constexpr ULONG kNameCharacters = 100;
-WCHAR kReferenceString[] = L"GLOBAL"; // the class driver's prototype takes it unconst
+constexpr WCHAR kReferenceString[] = L"GLOBAL";
 
 constexpr ULONG kDestroyAndFree = 1;
 
@@ -25,6 +25,7 @@ NTSTATUS UvcDevice::Add(KSDEVICE *device) {
         return STATUS_INSUFFICIENT_RESOURCES;
     auto *context = new (PlaceInPool{block}) UvcDevice(device);
     context->allocations.Initialise();
+    KeInitializeSpinLock(&context->pinLock);
 
     NTSTATUS status;
     {
@@ -41,11 +42,12 @@ NTSTATUS UvcDevice::Add(KSDEVICE *device) {
 
 void UvcDevice::Free(void *context) {
     auto *self = static_cast<UvcDevice *>(context);
-    self->allocations.Delete();
+    self->allocations.FreeBlocks();
+    self->Retire();
     for (UvcCamera *earlier : self->earlierCameras_)
         earlier->Destroy(kDestroyAndFree);
-    self->DestroyCamera();
-    self->earlierCameras_.Clear();
+    self->allocations.Delete();
+    self->~UvcDevice();
     ExFreePool(self);
 }
 
@@ -53,36 +55,42 @@ NTSTATUS UvcDevice::Start() {
     if (device->Started)
         return STATUS_SUCCESS;
 
-    NTSTATUS status = IdentifyCamera();
-    if (!NT_SUCCESS(status))
-        return status;
-
-    status = camera->Initialise();
+    // An application may have kept its filter open over a stop: no request of its finds a camera that is not ready.
+    UvcCamera *candidate = IdentifyCamera();
+    if (candidate == nullptr)
+        return STATUS_INSUFFICIENT_RESOURCES;
+    NTSTATUS status = candidate->Initialise();
     if (!NT_SUCCESS(status)) {
-        DestroyCamera();
+        candidate->Destroy(kDestroyAndFree);
         return status;
     }
+    camera = candidate;
 
     KSFILTER_DESCRIPTOR *filterDescriptor = nullptr;
     status = BuildDeviceDescriptors(*this, filterDescriptor);
     if (!NT_SUCCESS(status))
         return status;
 
+    // The class driver calls this without its device mutex, which filter factories need.
     KsDeviceGuard guard(device);
-    return KsCreateFilterFactory(device->FunctionalDeviceObject, filterDescriptor, kReferenceString, nullptr,
-                                 KSCREATE_ITEM_FREEONSTOP, nullptr, nullptr, nullptr);
+    return KsCreateFilterFactory(device->FunctionalDeviceObject, filterDescriptor,
+                                 const_cast<WCHAR *>(kReferenceString), nullptr, KSCREATE_ITEM_FREEONSTOP, nullptr,
+                                 nullptr, nullptr);
 }
 
-// When the device descriptor cannot be read, the camera of an earlier start serves on.
-NTSTATUS UvcDevice::IdentifyCamera() {
+// The camera to initialise. When the device descriptor cannot be read, that of an earlier start serves on.
+UvcCamera *UvcDevice::IdentifyCamera() {
     USB_DEVICE_DESCRIPTOR descriptor{};
-    if (NT_SUCCESS(UsbGetDeviceDescriptor(device->PhysicalDeviceObject, &descriptor))) {
-        StoreNames(descriptor);
-        const ModelTableEntry *model = FindModel(descriptor.idProduct);
-        auto factory = model != nullptr ? model->factory : MakeCamera<UvcCamera>;
-        ReplaceCamera(factory(device->PhysicalDeviceObject, this));
+    if (!NT_SUCCESS(UsbGetDeviceDescriptor(device->PhysicalDeviceObject, &descriptor))) {
+        if (camera != nullptr)
+            static_cast<void>(StreamStop(*camera)); // cannot fail
+        return std::exchange(camera, nullptr);
     }
-    return camera != nullptr ? STATUS_SUCCESS : STATUS_INSUFFICIENT_RESOURCES;
+    StoreNames(descriptor);
+    Retire();
+    const ModelTableEntry *model = FindModel(descriptor.idProduct);
+    auto factory = model != nullptr ? model->factory : MakeCamera<UvcCamera>;
+    return factory(device->PhysicalDeviceObject, this);
 }
 
 // The names are for people who look into the registry; a camera without them works as well.
@@ -102,16 +110,14 @@ void UvcDevice::StoreNames(const USB_DEVICE_DESCRIPTOR &descriptor) {
         static_cast<void>(StoreDeviceNames(device->PhysicalDeviceObject, manufacturer, product));
 }
 
-void UvcDevice::ReplaceCamera(UvcCamera *replacement) {
-    if (camera != nullptr && !NT_SUCCESS(earlierCameras_.Append(camera)))
-        camera->Destroy(kDestroyAndFree); // no memory to remember it by
-    camera = replacement;
-}
-
-void UvcDevice::DestroyCamera() {
-    if (camera != nullptr)
-        camera->Destroy(kDestroyAndFree);
-    camera = nullptr;
+// The class driver need not have stopped the pin of a device that was stopped or pulled.
+void UvcDevice::Retire() {
+    UvcCamera *retired = std::exchange(camera, nullptr);
+    if (retired == nullptr)
+        return;
+    static_cast<void>(StreamStop(*retired)); // cannot fail
+    if (!NT_SUCCESS(earlierCameras_.Append(retired)))
+        retired->Destroy(kDestroyAndFree); // no memory to remember it by
 }
 
 void UvcDevice::CompleteFrame(KSSTREAM_POINTER *frame, NTSTATUS status) {

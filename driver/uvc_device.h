@@ -36,17 +36,17 @@ class UvcDevice final : public FrameSink {
     LONG pinClaim; // 1 while a pin owns the camera; interlocked operations only
     CapturePin *pin;
     KS_VIDEOINFOHEADER *format; // the connected pin's format copy
-    UvcCamera *camera;          // null until the first successful start
+    UvcCamera *camera;          // null unless the last start found and initialised one
     AllocationList allocations;
+    KSPIN_LOCK pinLock; // over `pin` and what the pin holds while it is connected, against requests at other filters
 
   private:
     explicit UvcDevice(KSDEVICE *ksDevice) : device(ksDevice) {}
 
     static void Free(void *context);
-    NTSTATUS IdentifyCamera();
+    UvcCamera *IdentifyCamera();
     void StoreNames(const USB_DEVICE_DESCRIPTOR &descriptor);
-    void ReplaceCamera(UvcCamera *replacement);
-    void DestroyCamera();
+    void Retire();
 
     // Cameras of earlier starts. A start replaces the camera without destroying it, since the memory of a start is
     // reclaimed only when the device goes.

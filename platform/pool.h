@@ -78,6 +78,10 @@ template <class T> class GrowableArray {
     static_assert(std::is_trivially_copyable_v<T>);
 
   public:
+    GrowableArray() = default;
+    GrowableArray(const GrowableArray &) = delete;
+    GrowableArray &operator=(const GrowableArray &) = delete;
+
     // STATUS_INSUFFICIENT_RESOURCES when the pool is exhausted; the array is then as it was. IRQL: <= DISPATCH_LEVEL.
     NTSTATUS Append(const T &value) {
         if (count_ == capacity_) {

@@ -258,8 +258,10 @@ DeviceInterface &DeviceTable::Register(PDEVICE_OBJECT pdo, const GUID &interface
     std::replace(instance.begin(), instance.end(), u'\\', u'#');
     const std::u16string link = u"\\??\\" + instance + u"#" + GuidText(interfaceClass);
     for (const auto &entry : interfaces_) {
-        if (entry->pdo == pdo && entry->link == link && entry->reference == reference)
+        if (entry->link == link && entry->reference == reference) {
+            entry->pdo = pdo; // a device that came back is another object under its old name
             return *entry;
+        }
     }
     return *interfaces_.emplace_back(
         std::make_unique<DeviceInterface>(DeviceInterface{pdo, interfaceClass, link, std::move(reference)}));
