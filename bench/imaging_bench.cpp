@@ -1,5 +1,7 @@
 // The kernels by themselves, one thread: nanoseconds per pixel, and how much longer they take than copying as many
 // bytes as they write. Kernel and copy take turns, so that whatever else the machine does meets both.
+#include "bench/conversion.h"
+#include "bench/measure.h"
 #include "imaging/conversion.h"
 #include "imaging/processor_features.h"
 
@@ -7,57 +9,18 @@
 
 #include <algorithm>
 #include <cstring>
-#include <ctime>
-#include <functional>
 #include <random>
 #include <string>
 #include <vector>
 
 using namespace imaging;
 
+namespace bench {
+
 namespace {
-
-struct Size {
-    std::uint32_t width;
-    std::uint32_t height;
-};
-
-constexpr Size kSizes[] = {{640, 480}, {1280, 960}, {2592, 1944}};
-
-struct Set {
-    const char *name;
-    std::uint32_t features;
-};
-
-constexpr Set kSets[] = {{"scalar", 0}, {"sse2", kFeatureSse2}, {"sse4.1", kFeatureSse41}};
 
 constexpr std::int16_t kMatrix[kMatrixCoefficients] = {90, -13, -13, -13, 90, -13, -13, -13, 90};
 constexpr GainRecords kGains = {.blue = {.current = 85}, .red = {.current = 100}, .green = {.current = 64}};
-
-// Processor time, so that other programs on the machine disturb less.
-double Now() {
-    timespec now{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-    return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
-}
-
-double Seconds(const std::function<void()> &work) {
-    const double start = Now();
-    work();
-    return Now() - start;
-}
-
-double Median(std::vector<double> &values) {
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
-}
-
-// What a kernel is measured against.
-enum class Bound {
-    kCopy,              // memcpy of the bytes that it writes
-    kReadOneWriteThree, // 16 bytes in, three times 16 bytes out, nothing in between
-};
 
 void WriteThreeTimes(std::uint8_t *to, const std::uint8_t *from, std::size_t size) {
     using Bytes [[gnu::vector_size(16), gnu::aligned(1)]] = std::uint8_t;
@@ -70,7 +33,7 @@ void WriteThreeTimes(std::uint8_t *to, const std::uint8_t *from, std::size_t siz
 
 // Measures a conversion of a noisy mosaic.
 void Measure(benchmark::State &state, Size size, std::uint32_t fourcc, std::uint32_t pixelBytes, Bound bound,
-             const std::function<void(const ImageDescriptor &, const ImageDescriptor &)> &convert) {
+             const Conversion &convert) {
     const std::size_t pixels = std::size_t{size.width} * size.height;
     std::vector<std::uint8_t> from(pixels);
     std::vector<std::uint8_t> to(pixels * pixelBytes);
@@ -102,28 +65,29 @@ void Measure(benchmark::State &state, Size size, std::uint32_t fourcc, std::uint
     state.counters["ratio"] = Median(kernel) / Median(reference);
 }
 
-template <class Convert>
-void Register(const std::string &name, Size size, std::uint32_t fourcc, std::uint32_t pixelBytes, Bound bound,
-              const Convert &convert) {
+} // namespace
+
+void RegisterConversion(const std::string &name, Size size, std::uint32_t fourcc, std::uint32_t pixelBytes, Bound bound,
+                        const Conversion &convert) {
     const std::string fullName = name + "/" + std::to_string(size.width) + "x" + std::to_string(size.height);
     benchmark::RegisterBenchmark(fullName.c_str(), [=](benchmark::State &state) {
         Measure(state, size, fourcc, pixelBytes, bound, convert);
     })->UseManualTime();
 }
 
-int RegisterAll() {
+void RegisterImaging() {
     for (const Size size : kSizes) {
-        for (const Set &set : kSets) {
+        for (const InstructionSet &set : kInstructionSets) {
             if ((DetectProcessorFeatures() & set.features) != set.features)
                 continue;
             const std::uint32_t features = set.features << kFeatureShift;
             for (std::uint32_t mode = 0; mode < kModes; ++mode) {
                 const bool rgb24 = (mode & kModeRgb24) != 0;
-                Register("demosaic/" + std::string(set.name) + "/mode" + std::to_string(mode), size,
-                         rgb24 ? kFourCcRgb24 : kFourCcRgb32, rgb24 ? 3 : 4, Bound::kCopy,
-                         [=](const ImageDescriptor &to, const ImageDescriptor &from) {
-                             ConvertColourFrame(to, from, kMatrix, kGains, (mode & 7) | features);
-                         });
+                RegisterConversion("demosaic/" + std::string(set.name) + "/mode" + std::to_string(mode), size,
+                                   rgb24 ? kFourCcRgb24 : kFourCcRgb32, rgb24 ? 3 : 4, Bound::kCopy,
+                                   [=](const ImageDescriptor &to, const ImageDescriptor &from) {
+                                       ConvertColourFrame(to, from, kMatrix, kGains, (mode & 7) | features);
+                                   });
             }
             for (const bool smooth : {false, true}) {
                 const std::uint32_t flags = features | (smooth ? kSmooth : 0) | kOrientation;
@@ -131,20 +95,18 @@ int RegisterAll() {
                 const auto convert = [=](const ImageDescriptor &to, const ImageDescriptor &from) {
                     ConvertMonoFrame(to, from, flags);
                 };
-                Register(name + "rgb24/" + set.name, size, kFourCcRgb24, 3, Bound::kReadOneWriteThree, convert);
+                RegisterConversion(name + "rgb24/" + set.name, size, kFourCcRgb24, 3, Bound::kReadOneWriteThree,
+                                   convert);
                 if (smooth)
-                    Register(name + "grey/" + set.name, size, kFourCcGrey8, 1, Bound::kCopy, convert);
+                    RegisterConversion(name + "grey/" + set.name, size, kFourCcGrey8, 1, Bound::kCopy, convert);
             }
         }
         for (const std::uint32_t flags : {0u, std::uint32_t{kOrientation}}) {
-            Register(
+            RegisterConversion(
                 flags == 0 ? "copy/straight" : "copy/flipped", size, kFourCcGrey8, 1, Bound::kCopy,
                 [=](const ImageDescriptor &to, const ImageDescriptor &from) { ConvertMonoFrame(to, from, flags); });
         }
     }
-    return 0;
 }
 
-[[maybe_unused]] const int kRegistered = RegisterAll();
-
-} // namespace
+} // namespace bench

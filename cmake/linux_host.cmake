@@ -63,7 +63,8 @@ function(uvc_program name)
 endfunction()
 
 uvc_program(uvcam FOLDERS apps/uvcam LINK uvc_drv host_client CLI11::CLI11 nlohmann_json::nlohmann_json PNG::PNG)
-uvc_program(uvc_bench FOLDERS bench LINK uvc_drv host_client benchmark::benchmark)
+uvc_program(uvc_bench FOLDERS bench LINK uvc_drv host_client benchmark::benchmark PNG::PNG)
+include(cmake/bench_peers.cmake)
 
 enable_testing()
 include(GoogleTest)

@@ -1,0 +1,26 @@
+# Other converters that `uvc_bench --peers` compares with. None is needed: each is measured when it is installed
+# (packages-peers.txt).
+find_path(OPENCV_INCLUDE opencv2/imgproc.hpp PATH_SUFFIXES opencv4)
+find_library(OPENCV_IMGPROC opencv_imgproc)
+find_library(OPENCV_CORE opencv_core)
+if(OPENCV_INCLUDE AND OPENCV_IMGPROC AND OPENCV_CORE)
+  target_include_directories(uvc_bench SYSTEM PRIVATE ${OPENCV_INCLUDE})
+  target_link_libraries(uvc_bench PRIVATE ${OPENCV_IMGPROC} ${OPENCV_CORE})
+  target_compile_definitions(uvc_bench PRIVATE UVC_PEER_OPENCV)
+endif()
+
+find_package(PkgConfig QUIET)
+if(PkgConfig_FOUND)
+  pkg_check_modules(GSTREAMER_CHECK QUIET IMPORTED_TARGET gstreamer-check-1.0)
+endif()
+if(TARGET PkgConfig::GSTREAMER_CHECK)
+  target_link_libraries(uvc_bench PRIVATE PkgConfig::GSTREAMER_CHECK)
+  target_compile_definitions(uvc_bench PRIVATE UVC_PEER_GSTREAMER)
+endif()
+
+find_path(LIBYUV_INCLUDE libyuv.h)
+find_library(LIBYUV yuv)
+if(LIBYUV_INCLUDE AND LIBYUV)
+  target_link_libraries(uvc_bench PRIVATE ${LIBYUV})
+  target_compile_definitions(uvc_bench PRIVATE UVC_PEER_LIBYUV)
+endif()
