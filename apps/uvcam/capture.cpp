@@ -131,6 +131,7 @@ void Capture(const CaptureOptions &options) {
                      .scene = options.scene,
                      .faults = options.faults,
                      .settings = options.settings,
+                     .maximumTransfer = options.maximumTransfer,
                      .freeRun = options.freeRun});
     host::client::Filter &filter = session.Filter();
     const KS_DATARANGE_VIDEO range = ChooseRange(filter, options);
@@ -156,6 +157,9 @@ void Capture(const CaptureOptions &options) {
         framing.FramingItem[0].Frames = 3;
     if (NT_SUCCESS(clock.Open(pin)))
         static_cast<void>(pin.AssignClock(&clock)); // without a clock frames carry no time
+    status = pin.SetState(KSSTATE_PAUSE);           // a stopped pin takes no frames
+    if (!NT_SUCCESS(status))
+        throw StatusFailure("cannot claim " + options.camera, status);
     for (unsigned i = 0; i < framing.FramingItem[0].Frames + kSpareFrames; ++i) {
         frames.push_back(std::make_unique<host::client::Frame>(info.bmiHeader.biSizeImage));
         status = pin.Queue(*frames.back());

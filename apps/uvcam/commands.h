@@ -2,6 +2,8 @@
 // stderr.
 #pragma once
 
+#include <array>
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -35,8 +37,24 @@ struct CaptureOptions {
     bool overlay = false;
     std::string faults;
     std::string settings;
+    std::optional<std::uint32_t> maximumTransfer; // bytes that one bulk transfer may have; nothing: the bus's own limit
     bool json = false;
 };
 void Capture(const CaptureOptions &options);
+
+// Raw bytes to raw bytes through the driver's imaging; rows are packed.
+struct ConvertOptions {
+    std::string from; // FOURCC of one byte a pixel
+    std::string to;
+    Size size;
+    std::string isa;                                   // empty: the best that the processor has
+    std::optional<std::array<std::int32_t, 3>> gains;  // red, green, blue in 1/64
+    std::optional<std::array<std::int16_t, 9>> matrix; // rows red, green, blue in 1/64
+    bool smooth = false;
+    bool topDown = false; // sets the orientation flag: RGB comes top-down, 8-bit copies are turned upside down
+    std::string input;    // a file or "-"
+    std::string output;
+};
+void Convert(const ConvertOptions &options);
 
 } // namespace uvcam

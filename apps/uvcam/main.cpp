@@ -4,6 +4,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include <array>
+#include <charconv>
 #include <cstdio>
 
 namespace {
@@ -21,6 +23,23 @@ Size ParseSize(const std::string &text) {
         static_cast<std::size_t>(end) != text.size() || width < 1 || height < 1)
         throw CLI::ValidationError("--size", "expected WIDTHxHEIGHT, such as 640x480, not " + text);
     return {width, height};
+}
+
+// "90,-13,0": exactly as many numbers as the array has.
+template <class Number, std::size_t count>
+std::array<Number, count> ParseList(const char *option, const std::string &text) {
+    std::array<Number, count> numbers{};
+    const char *at = text.data();
+    const char *const end = at + text.size();
+    for (std::size_t i = 0; i < count; ++i) {
+        const auto [next, error] = std::from_chars(at, end, numbers[i]);
+        const bool last = i + 1 == count;
+        if (error != std::errc() || (last ? next != end : next == end || *next != ','))
+            throw CLI::ValidationError(option, "expected " + std::to_string(count) +
+                                                   " whole numbers with commas between them, not " + text);
+        at = last ? next : next + 1;
+    }
+    return numbers;
 }
 
 void AddList(CLI::App &app, ListOptions &options) {
@@ -53,8 +72,33 @@ void AddCapture(CLI::App &app, CaptureOptions &options) {
         "--fault", options.faults,
         "pool:N irp:N mdl:N workitem:N thread:N (N+: and later) usb:N=stall|hang|short|babble|gone|delay");
     capture->add_option("--settings", options.settings, "file that keeps the settings between runs");
+    // A bus with a small limit makes the driver assemble payloads out of several transfers.
+    capture->add_option("--max-transfer", options.maximumTransfer)->check(CLI::Range(512u, 0x10000000u))->group("");
     capture->add_flag("--json", options.json, "frames and summary as JSON");
     capture->final_callback([&options] { Capture(options); });
+}
+
+void AddConvert(CLI::App &app, ConvertOptions &options) {
+    CLI::App *convert = app.add_subcommand("convert", "convert a raw image as the driver does");
+    convert->add_option("--from", options.from, "B1BG, B1GB, B1GR, B1RG, BY8: colour; Y800: monochrome")->required();
+    convert->add_option("--to", options.to, "RGB3, RGB4, Y800, YUY2 or one of the above")->required();
+    convert
+        ->add_option_function<std::string>(
+            "--size", [&options](const std::string &text) { options.size = ParseSize(text); }, "WIDTHxHEIGHT")
+        ->required();
+    convert->add_option("--isa", options.isa, "scalar, sse2 or sse4.1 (default: the best there is)");
+    convert->add_option_function<std::string>(
+        "--gains", [&options](const std::string &text) { options.gains = ParseList<std::int32_t, 3>("--gains", text); },
+        "R,G,B in 1/64");
+    convert->add_option_function<std::string>(
+        "--matrix",
+        [&options](const std::string &text) { options.matrix = ParseList<std::int16_t, 9>("--matrix", text); },
+        "nine coefficients by rows red, green, blue, in 1/64");
+    convert->add_flag("--smooth", options.smooth, "smooth green, or grey");
+    convert->add_flag("--top-down", options.topDown, "RGB top-down; 8-bit copies upside down");
+    convert->add_option("IN", options.input, "a file, or - for stdin")->required();
+    convert->add_option("OUT", options.output, "a file, or - for stdout")->required();
+    convert->final_callback([&options] { Convert(options); });
 }
 
 } // namespace
@@ -66,9 +110,11 @@ int main(int argc, char **argv) {
     ListOptions list;
     FormatsOptions formats;
     CaptureOptions capture;
+    ConvertOptions convert;
     AddList(app, list);
     AddFormats(app, formats);
     AddCapture(app, capture);
+    AddConvert(app, convert);
 
     try {
         app.parse(argc, argv);

@@ -1,21 +1,17 @@
 #include "apps/uvcam/picture.h"
 
+#include "apps/uvcam/byte_file.h"
 #include "apps/uvcam/exit_code.h"
 
 #include <png.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <memory>
+#include <filesystem>
 
 namespace uvcam {
 
 namespace {
-
-using File = std::unique_ptr<std::FILE, int (*)(std::FILE *)>;
 
 Picture Grey(const PixelLayout &layout, std::span<const std::uint8_t> frame) {
     const int height = std::abs(layout.height);
@@ -66,26 +62,21 @@ constexpr LayoutRow kLayouts[] = {
     {"B1RG", Grey}, {"RGB3", Rgb},  {"RGB4", Rgb},  {"YUY2", Yuy2},
 };
 
-void WritePng(const std::filesystem::path &path, const Picture &picture) {
+void WritePng(const std::string &path, const Picture &picture) {
     png_image image{};
     image.version = PNG_IMAGE_VERSION;
     image.width = static_cast<png_uint_32>(picture.width);
     image.height = static_cast<png_uint_32>(picture.height);
     image.format = picture.channels == 1 ? PNG_FORMAT_GRAY : PNG_FORMAT_RGB;
     image.flags = PNG_IMAGE_FLAG_FAST;
-    if (png_image_write_to_file(&image, path.c_str(), 0, picture.pixels.data(), 0, nullptr) == 0)
-        throw Failure(ExitCode::Failed, "cannot write " + path.string() + ": " + image.message);
+    png_alloc_size_t size = PNG_IMAGE_PNG_SIZE_MAX(image);
+    std::vector<std::uint8_t> bytes(size);
+    if (png_image_write_to_memory(&image, bytes.data(), &size, 0, picture.pixels.data(), 0, nullptr) == 0)
+        throw Failure(ExitCode::Failed, "cannot make " + path + ": " + image.message);
+    WriteBytes(path, "", {bytes.data(), size});
 }
 
-void WriteBytes(const std::filesystem::path &path, const std::string &head, std::span<const std::uint8_t> bytes) {
-    File file(std::fopen(path.c_str(), "wb"), std::fclose);
-    if (!file || std::fwrite(head.data(), 1, head.size(), file.get()) != head.size() ||
-        std::fwrite(bytes.data(), 1, bytes.size(), file.get()) != bytes.size() || std::fflush(file.get()) != 0)
-        throw Failure(errno == EACCES ? ExitCode::Permission : ExitCode::Failed,
-                      "cannot write " + path.string() + ": " + std::strerror(errno));
-}
-
-void WriteNetpbm(const std::filesystem::path &path, const Picture &picture) {
+void WriteNetpbm(const std::string &path, const Picture &picture) {
     const std::string head = std::string(picture.channels == 1 ? "P5" : "P6") + "\n" + std::to_string(picture.width) +
                              " " + std::to_string(picture.height) + "\n255\n";
     WriteBytes(path, head, picture.pixels);
@@ -121,13 +112,13 @@ FrameOutput::FrameOutput(const std::string &pattern) {
         suffix_ = pattern.substr(i + 1);
         numbered_ = true;
     }
-    extension_ = std::filesystem::path(pattern).extension();
+    extension_ = std::filesystem::path(pattern).extension().string();
     const char *known[] = {".png", ".ppm", ".pgm", ".raw"};
     if (std::find(std::begin(known), std::end(known), extension_) == std::end(known))
         throw Failure(ExitCode::Usage, "--output " + pattern + ": expected a name ending in .png, .ppm, .pgm or .raw");
 }
 
-std::filesystem::path FrameOutput::PathOf(unsigned number) const {
+std::string FrameOutput::PathOf(unsigned number) const {
     if (!numbered_)
         return prefix_;
     std::string digits = std::to_string(number);
@@ -138,13 +129,12 @@ std::filesystem::path FrameOutput::PathOf(unsigned number) const {
 
 void FrameOutput::Write(const PixelLayout &layout, std::span<const std::uint8_t> frame, unsigned number) {
     if (toStdout_) {
-        if (std::fwrite(frame.data(), 1, frame.size(), stdout) != frame.size())
-            throw Failure(ExitCode::Failed, std::string("cannot write to stdout: ") + std::strerror(errno));
+        WriteBytes("-", "", frame);
         return;
     }
     if (prefix_.empty() && !numbered_)
         return;
-    const std::filesystem::path path = PathOf(number);
+    const std::string path = PathOf(number);
     if (extension_ == ".raw")
         WriteBytes(path, "", frame);
     else if (extension_ == ".png")

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstdint>
-#include <filesystem>
 #include <span>
 #include <string>
 #include <vector>
@@ -41,7 +40,7 @@ class FrameOutput {
     bool ToStdout() const { return toStdout_; }
 
   private:
-    std::filesystem::path PathOf(unsigned number) const;
+    std::string PathOf(unsigned number) const;
 
     bool toStdout_ = false;
     std::string prefix_;

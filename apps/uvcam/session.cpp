@@ -30,6 +30,8 @@ host::client::ComputerOptions Boot(const SessionOptions &options) {
     boot.runtime.clock = host::ClockKind::Real;
     boot.runtime.registryFile = options.settings;
     boot.runtime.onDebugPrint = PrintDriverText;
+    if (options.maximumTransfer)
+        boot.plug.maximumTransferSize = *options.maximumTransfer;
     if (!options.faults.empty()) {
         std::string reason;
         auto plan = host::FaultPlan::Parse(options.faults, reason);

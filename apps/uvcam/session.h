@@ -6,15 +6,17 @@
 #include "host/client/filter.h"
 
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace uvcam {
 
 struct SessionOptions {
     std::string camera;
-    std::string scene;    // a PNG, or empty
-    std::string faults;   // a fault plan, or empty
-    std::string settings; // a registry file, or empty
+    std::string scene;                    // a PNG, or empty
+    std::string faults;                   // a fault plan, or empty
+    std::string settings;                 // a registry file, or empty
+    std::optional<ULONG> maximumTransfer; // of the bus, in bytes
     bool freeRun = false;
 };
 
