@@ -332,14 +332,16 @@ TEST(StreamingPin, CancelRacesWithDelivery) {
             Sleep(20); // when the second frame is due
             host::CancelFileIo(open.pin.Handle());
         });
+        int filled = 0;
         for (auto &expected : frames) {
             Frame *done = nullptr;
             ASSERT_EQ(open.pin.NextFrame(&done), STATUS_SUCCESS);
             ASSERT_EQ(done, expected.get());
             EXPECT_TRUE(done->Status() == STATUS_SUCCESS || done->Status() == STATUS_CANCELLED);
+            filled += done->Status() == STATUS_SUCCESS ? 1 : 0;
         }
         EXPECT_EQ(frames[0]->Status(), STATUS_SUCCESS);
-        EXPECT_EQ(frames[7]->Status(), STATUS_CANCELLED);
+        EXPECT_LE(filled, 2);
         canceller.Join();
     }
 }
