@@ -341,7 +341,7 @@ TEST(StreamingPin, CancelRacesWithDelivery) {
             filled += done->Status() == STATUS_SUCCESS ? 1 : 0;
         }
         EXPECT_EQ(frames[0]->Status(), STATUS_SUCCESS);
-        EXPECT_LE(filled, 2);
+        EXPECT_LE(filled, 3); // those due at once, after 10 ms and, against the canceller, after 20 ms
         canceller.Join();
     }
 }
