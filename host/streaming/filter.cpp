@@ -23,6 +23,7 @@ NTSTATUS Filter::Open(FilterFactory &factory, PIRP irp) {
     filter->control.Initialise("KsFilterMutex");
     filter->bag.Initialise(&filter->control);
     filter->Descriptor = factory.FilterDescriptor;
+    filter->Context = factory.Context;
     filter->Bag = filter->bag.Public();
     filter->factory = &factory;
     InitializeListHead(&filter->pins);

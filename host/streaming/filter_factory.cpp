@@ -135,6 +135,7 @@ extern "C" NTSTATUS NTAPI KsCreateFilterFactory(PDEVICE_OBJECT deviceObject, con
     factory->Object::Initialise(ObjectKind::FilterFactory, &device, &device);
     factory->bag.Initialise(&device.mutex);
     factory->FilterDescriptor = descriptor;
+    factory->Context = device.Context; // each object begins with its parent's
     factory->Bag = factory->bag.Public();
     factory->flags = createItemFlags;
     InitializeListHead(&factory->filters);

@@ -65,7 +65,6 @@ NTSTATUS GetIntersection(PIRP irp, PKSIDENTIFIER property, PVOID data) {
         return STATUS_INVALID_BUFFER_SIZE;
 
     Filter &filter = FilterOf(irp);
-    MutexHold hold(filter.control, kRoutine);
     auto *position = reinterpret_cast<UCHAR *>(list + 1);
     ULONG left = list->Size - sizeof(*list);
     for (ULONG i = 0; i < list->Count; ++i) {

@@ -78,6 +78,7 @@ Pin *NewPin(Filter &filter, const KSPIN_CONNECT &connect) {
 
     const KSPIN_DESCRIPTOR_EX *descriptor = PinDescriptor(*filter.Descriptor, connect.PinId);
     pin->Descriptor = descriptor;
+    pin->Context = filter.Context;
     pin->Bag = pin->bag.Public();
     pin->Id = connect.PinId;
     pin->Communication = KSPIN_COMMUNICATION_SINK; // of requests: the application sends them
@@ -109,7 +110,7 @@ NTSTATUS Create(Pin &pin, PIRP irp, const KSDATAFORMAT &format) {
             return STATUS_INSUFFICIENT_RESOURCES;
     }
     // The format is agreed upon before the driver's create routine runs: an old format of null in the set-format
-    // routine means just that. KSPIN::Context is still null then.
+    // routine means just that. KSPIN::Context is the filter's still.
     NTSTATUS status = pin.SetFormat(format);
     if (NT_SUCCESS(status) && dispatch != nullptr && dispatch->Create != nullptr) {
         status = CallDriver(CallbackKind::Pin, "pin create", irp, dispatch->Create, static_cast<PKSPIN>(&pin), irp);

@@ -77,6 +77,8 @@ NTSTATUS AddFrame(StreamRequest &request, KSSTREAM_HEADER &header) {
         NTSTATUS status = LockCaller(request.irp, header.Data, header.FrameExtent, &frame.mdl, &header.Data);
         if (!NT_SUCCESS(status))
             return status;
+    } else {
+        header.Data = nullptr; // no address of the caller's reaches the driver
     }
     ++request.frameCount;
     ++request.framesLeft;

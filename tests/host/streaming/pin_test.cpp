@@ -20,7 +20,7 @@ TEST(StreamingPin, FormatIsJudgedBeforeCreate) {
     machine.TakeLog();
     OpenPin open(machine);
     ASSERT_EQ(open.status, STATUS_SUCCESS);
-    EXPECT_EQ(machine.TakeLog(), (Log{"filter create", "format first bare", "pin create"}));
+    EXPECT_EQ(machine.TakeLog(), (Log{"filter create", "format first with the filter's context", "pin create"}));
 
     KSALLOCATOR_FRAMING_EX framing{};
     EXPECT_EQ(open.pin.Framing(framing), STATUS_SUCCESS);

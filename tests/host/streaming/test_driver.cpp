@@ -136,7 +136,8 @@ NTSTATUS PinProcess(PKSPIN pin) {
 
 NTSTATUS PinSetFormat(PKSPIN pin, PKSDATAFORMAT old, PKSMULTIPLE_ITEM, const KSDATARANGE *range,
                       const KSATTRIBUTE_LIST *) {
-    Note(std::string("format ") + (old == nullptr ? "first" : "change") + (pin->Context == nullptr ? " bare" : ""));
+    Note(std::string("format ") + (old == nullptr ? "first" : "change") +
+         (pin->Context == KsPinGetParentFilter(pin)->Context ? " with the filter's context" : ""));
     if (hooks->setFormat) {
         if (NTSTATUS status = hooks->setFormat(pin, old, range); status != STATUS_SUCCESS)
             return status;
