@@ -20,7 +20,6 @@ Computer::Computer(PDRIVER_INITIALIZE driverEntry, ComputerOptions options)
 
     // The bus thread must not wait, so another one tells the driver that its device is gone.
     plugOptions_.onGone = [this](PDEVICE_OBJECT) {
-        InterlockedExchange(&gone_, 1);
         KeClearEvent(&settled_);
         KeSetEvent(&disturbance_, IO_NO_INCREMENT, FALSE);
     };
@@ -44,7 +43,6 @@ NTSTATUS Computer::PlugIn(std::shared_ptr<usb::UsbDevice> device) {
         return driverStatus_;
     Unplug();
     MutexGuard guard(mutex_);
-    InterlockedExchange(&gone_, 0);
     pdo_ = bus_->Plug(std::move(device), plugOptions_);
     if (pdo_ == nullptr)
         return STATUS_INSUFFICIENT_RESOURCES;
@@ -56,7 +54,6 @@ NTSTATUS Computer::PlugIn(std::shared_ptr<usb::UsbDevice> device) {
 void Computer::Unplug() {
     if (pdo_ == nullptr)
         return;
-    InterlockedExchange(&gone_, 1);
     bus_->Unplug(pdo_);
     KeWaitForSingleObject(&settled_, Executive, KernelMode, FALSE, nullptr);
     RemoveStack();
@@ -74,7 +71,7 @@ NTSTATUS Computer::Restart() {
 }
 
 bool Computer::IsConnected() {
-    return pdo_ != nullptr && InterlockedCompareExchange(&gone_, 0, 0) == 0;
+    return pdo_ != nullptr && bus_->IsPlugged(pdo_);
 }
 
 void Computer::RemoveStack() {

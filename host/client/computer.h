@@ -58,7 +58,6 @@ class Computer {
     bool started_ = false; // a device stack is there
     KEVENT disturbance_;   // the device went away of itself, or the computer shuts down
     KEVENT settled_;       // signalled while the watcher has nothing to do
-    LONG gone_ = 0;        // interlocked
     LONG shutdown_ = 0;    // interlocked
     std::unique_ptr<AttachedThread> watcher_;
 };

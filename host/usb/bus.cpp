@@ -145,6 +145,11 @@ const Bus::Identity &Bus::IdentityOf(PDEVICE_OBJECT pdo) const {
     return slot != nullptr ? slot->identity : kNobody;
 }
 
+bool Bus::IsPlugged(PDEVICE_OBJECT pdo) const {
+    const Slot *slot = Find(pdo);
+    return slot != nullptr && !slot->port->HasDeparted();
+}
+
 ULONG Bus::PortCycles(PDEVICE_OBJECT pdo) const {
     const Slot *slot = Find(pdo);
     return slot != nullptr ? slot->port->Cycles() : 0;

@@ -46,6 +46,9 @@ class Bus {
     // gone rather than freed. IRQL: PASSIVE_LEVEL, not on the bus thread.
     void Unplug(PDEVICE_OBJECT pdo);
 
+    // False from the moment on at which the device's transfers fail because it is gone. IRQL: <= DISPATCH_LEVEL.
+    bool IsPlugged(PDEVICE_OBJECT pdo) const;
+
     struct Identity {
         USHORT vendor = 0; // 0 and product 2: the device did not say
         USHORT product = 2;
