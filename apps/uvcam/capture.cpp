@@ -44,11 +44,9 @@ bool Fits(const KS_DATARANGE_VIDEO &range, const CaptureOptions &options) {
            (!options.size || (options.size->width == bitmap.biWidth && options.size->height == bitmap.biHeight));
 }
 
-KS_DATARANGE_VIDEO ChooseRange(host::client::Filter &filter, const CaptureOptions &options) {
+KS_DATARANGE_VIDEO ChooseRange(Session &session, const CaptureOptions &options) {
     std::vector<KS_DATARANGE_VIDEO> ranges;
-    NTSTATUS status = filter.DataRanges(kCapturePin, ranges);
-    if (!NT_SUCCESS(status))
-        throw StatusFailure("cannot ask " + options.camera + " for its formats", status);
+    session.Require(session.Filter().DataRanges(kCapturePin, ranges), "cannot ask for formats");
     auto range =
         std::find_if(ranges.begin(), ranges.end(), [&](const auto &offered) { return Fits(offered, options); });
     if (range == ranges.end())
@@ -68,19 +66,17 @@ KS_DATARANGE_VIDEO ChooseRange(host::client::Filter &filter, const CaptureOption
     return *range;
 }
 
-void SwitchOverlayOn(host::client::Filter &filter) {
+void SwitchOverlayOn(Session &session) {
     ULONG on = 1;
-    NTSTATUS status =
-        filter.Property(kDriverParameterSet, kOverlayParameter, KSPROPERTY_TYPE_SET, {}, host::client::BytesOf(on));
-    if (!NT_SUCCESS(status))
-        throw StatusFailure("cannot switch the overlay on", status);
+    session.Require(session.Filter().Property(kDriverParameterSet, kOverlayParameter, KSPROPERTY_TYPE_SET, {},
+                                              host::client::BytesOf(on)),
+                    "cannot switch the overlay on");
 }
 
 // What one run has seen.
 struct Tally {
     unsigned delivered = 0;
-    unsigned failed = 0; // came back with a failure status
-    LONGLONG lastPicture = 0;
+    unsigned failed = 0;     // came back with a failure status
     LONGLONG incomplete = 0; // frame intervals that the driver dropped
     double seconds = 0;
 };
@@ -120,91 +116,110 @@ void PrintSummary(const CaptureOptions &options, const PixelLayout &layout, cons
                  static_cast<unsigned long long>(camera.framesDropped));
 }
 
+// The capture pin of an opened camera, running, with frames queued.
+class Stream {
+  public:
+    Stream(Session &session, const CaptureOptions &options);
+
+    const PixelLayout &Layout() const { return layout_; }
+
+    // The next frame, delivered or failed. Throws Failure when none comes.
+    host::client::Frame &Next(unsigned taken);
+    void Return(host::client::Frame &frame);
+    void Stop() { pin_.Close(); }
+
+  private:
+    void QueueFrames(std::size_t size);
+
+    Session &session_;
+    PixelLayout layout_;
+    std::vector<std::unique_ptr<host::client::Frame>> frames_; // outlive the pin, which they are queued to
+    host::client::Pin pin_;
+    host::client::Clock clock_;
+};
+
+Stream::Stream(Session &session, const CaptureOptions &options) : session_(session) {
+    host::client::Filter &filter = session.Filter();
+    const KS_DATARANGE_VIDEO range = ChooseRange(session, options);
+    if (options.overlay)
+        SwitchOverlayOn(session);
+    std::vector<std::uint8_t> format;
+    session.Require(filter.Intersect(kCapturePin, host::client::BytesOf(range), format),
+                    "the driver refuses " + Describe(options));
+    const auto &bitmap =
+        reinterpret_cast<const KS_DATAFORMAT_VIDEOINFOHEADER *>(format.data())->VideoInfoHeader.bmiHeader;
+    layout_ = {FourCcOf(bitmap), static_cast<int>(bitmap.biWidth), static_cast<int>(bitmap.biHeight),
+               bitmap.biBitCount};
+    session.Require(pin_.Open(filter, kCapturePin, format), "cannot open a pin for " + Describe(options));
+    if (NT_SUCCESS(clock_.Open(pin_)))
+        static_cast<void>(pin_.AssignClock(&clock_)); // without a clock frames carry no time
+    // A stopped pin takes no frames.
+    session.Require(pin_.SetState(KSSTATE_PAUSE), "cannot claim " + options.camera);
+    QueueFrames(bitmap.biSizeImage);
+    session.Require(pin_.SetState(KSSTATE_RUN), "cannot start the stream");
+}
+
+void Stream::QueueFrames(std::size_t size) {
+    constexpr unsigned kUsualFrames = 3;
+    KSALLOCATOR_FRAMING_EX framing{};
+    const unsigned wanted = NT_SUCCESS(pin_.Framing(framing)) ? framing.FramingItem[0].Frames : kUsualFrames;
+    for (unsigned i = 0; i < wanted + kSpareFrames; ++i) {
+        frames_.push_back(std::make_unique<host::client::Frame>(size));
+        Return(*frames_.back());
+    }
+}
+
+host::client::Frame &Stream::Next(unsigned taken) {
+    host::client::Frame *frame = nullptr;
+    NTSTATUS status = pin_.NextFrame(&frame, kFrameTimeoutMs);
+    session_.RequireConnected("after " + std::to_string(taken) + " frames");
+    if (status == STATUS_TIMEOUT)
+        throw Failure(ExitCode::TimedOut, "no frame for 5 seconds after " + std::to_string(taken));
+    session_.Require(status, "cannot wait for a frame");
+    return *frame;
+}
+
+void Stream::Return(host::client::Frame &frame) {
+    session_.Require(pin_.Queue(frame), "cannot queue a frame");
+}
+
 } // namespace
 
 void Capture(const CaptureOptions &options) {
     FrameOutput output(options.output);
     if (options.json && output.ToStdout())
         throw Failure(ExitCode::Usage, "--json and --output - both want stdout");
-
     Session session({.camera = options.camera,
                      .scene = options.scene,
                      .faults = options.faults,
                      .settings = options.settings,
                      .maximumTransfer = options.maximumTransfer,
                      .freeRun = options.freeRun});
-    host::client::Filter &filter = session.Filter();
-    const KS_DATARANGE_VIDEO range = ChooseRange(filter, options);
-    if (options.overlay)
-        SwitchOverlayOn(filter);
-
-    std::vector<std::uint8_t> format;
-    NTSTATUS status = filter.Intersect(kCapturePin, host::client::BytesOf(range), format);
-    if (!NT_SUCCESS(status))
-        throw StatusFailure("the driver refuses " + Describe(options), status);
-    const auto &info = reinterpret_cast<const KS_DATAFORMAT_VIDEOINFOHEADER *>(format.data())->VideoInfoHeader;
-    const PixelLayout layout{FourCcOf(info.bmiHeader), static_cast<int>(info.bmiHeader.biWidth),
-                             static_cast<int>(info.bmiHeader.biHeight), info.bmiHeader.biBitCount};
-
-    std::vector<std::unique_ptr<host::client::Frame>> frames; // outlive the pin, which they are queued to
-    host::client::Pin pin;
-    host::client::Clock clock;
-    status = pin.Open(filter, kCapturePin, format);
-    if (!NT_SUCCESS(status))
-        throw StatusFailure("cannot open a pin for " + Describe(options), status);
-    KSALLOCATOR_FRAMING_EX framing{};
-    if (!NT_SUCCESS(pin.Framing(framing)))
-        framing.FramingItem[0].Frames = 3;
-    if (NT_SUCCESS(clock.Open(pin)))
-        static_cast<void>(pin.AssignClock(&clock)); // without a clock frames carry no time
-    status = pin.SetState(KSSTATE_PAUSE);           // a stopped pin takes no frames
-    if (!NT_SUCCESS(status))
-        throw StatusFailure("cannot claim " + options.camera, status);
-    for (unsigned i = 0; i < framing.FramingItem[0].Frames + kSpareFrames; ++i) {
-        frames.push_back(std::make_unique<host::client::Frame>(info.bmiHeader.biSizeImage));
-        status = pin.Queue(*frames.back());
-        if (!NT_SUCCESS(status))
-            throw StatusFailure("cannot queue a frame", status);
-    }
-
-    status = pin.SetState(KSSTATE_RUN);
-    if (!NT_SUCCESS(status))
-        throw StatusFailure("cannot start the stream", status);
+    Stream stream(session, options);
 
     std::signal(SIGINT, [](int) { interrupted = 1; });
     Tally tally;
-    auto frameList = nlohmann::ordered_json::array();
+    auto frames = nlohmann::ordered_json::array();
     const auto start = std::chrono::steady_clock::now();
     while (tally.delivered < options.frames && interrupted == 0) {
-        host::client::Frame *frame = nullptr;
-        status = pin.NextFrame(&frame, kFrameTimeoutMs);
-        if (status == STATUS_TIMEOUT)
-            throw Failure(ExitCode::TimedOut, "no frame for 5 seconds after " + std::to_string(tally.delivered));
-        if (!NT_SUCCESS(status))
-            throw StatusFailure("cannot wait for a frame", status);
-        if (!session.Computer().IsConnected())
-            throw Failure(ExitCode::DeviceLost,
-                          options.camera + " is gone after " + std::to_string(tally.delivered) + " frames");
-        if (NT_SUCCESS(frame->Status())) {
+        host::client::Frame &frame = stream.Next(tally.delivered);
+        if (NT_SUCCESS(frame.Status())) {
             ++tally.delivered;
-            tally.lastPicture = frame->Info().PictureNumber;
-            tally.incomplete = frame->Info().DropCount;
-            output.Write(layout, frame->Data(), tally.delivered);
+            tally.incomplete = frame.Info().DropCount;
+            output.Write(stream.Layout(), frame.Data(), tally.delivered);
             if (options.json)
-                frameList.push_back(FrameJson(*frame));
+                frames.push_back(FrameJson(frame));
         } else {
             ++tally.failed;
         }
         if (options.freeRun)
             session.Camera().GrantFrame();
-        status = pin.Queue(*frame);
-        if (!NT_SUCCESS(status))
-            throw StatusFailure("cannot queue a frame", status);
+        stream.Return(frame);
     }
     tally.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     const host::cameras::CameraCounters counters = session.Camera().Counters();
-    pin.Close();
-    PrintSummary(options, layout, tally, counters, std::move(frameList));
+    stream.Stop();
+    PrintSummary(options, stream.Layout(), tally, counters, std::move(frames));
 }
 
 } // namespace uvcam

@@ -24,9 +24,7 @@ bool IsTemplate(const KS_DATARANGE_VIDEO &range) {
 void Formats(const FormatsOptions &options) {
     Session session({.camera = options.camera});
     std::vector<KS_DATARANGE_VIDEO> ranges;
-    NTSTATUS status = session.Filter().DataRanges(0, ranges);
-    if (!NT_SUCCESS(status))
-        throw StatusFailure("cannot ask " + options.camera + " for its formats", status);
+    session.Require(session.Filter().DataRanges(0, ranges), "cannot ask for formats");
     if (std::any_of(ranges.begin(), ranges.end(), IsTemplate))
         std::fprintf(stderr,
                      "%s announces no uncompressed or frame-based format; the driver's templates follow, which "

@@ -2,7 +2,13 @@
 
 #include "apps/uvcam/exit_code.h"
 
+#include "host/executive/registry.h"
+#include "host/executive/registry_file.h"
+
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <unistd.h>
 
 extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath);
 
@@ -25,7 +31,25 @@ std::shared_ptr<host::cameras::SimulatedCamera> FindCamera(const SessionOptions 
     return camera;
 }
 
+// The runtime takes an unusable registry file for a broken machine and stops. A person's slip deserves better.
+void CheckSettings(const std::string &path) {
+    if (path.empty())
+        return;
+    if (std::filesystem::is_directory(path))
+        throw Failure(ExitCode::Failed, "--settings " + path + ": is a folder");
+    host::RegistryKey registry;
+    std::string reason;
+    if (!host::ReadRegistryFile(path, registry, reason))
+        throw Failure(ExitCode::Failed, "--settings " + path + ": " + reason);
+    // The file is replaced as a whole, by a new one in its folder.
+    const std::filesystem::path folder = std::filesystem::absolute(path).parent_path();
+    if (access(folder.c_str(), W_OK | X_OK) != 0)
+        throw Failure(errno == EACCES ? ExitCode::Permission : ExitCode::Failed,
+                      "--settings " + path + ": cannot write: " + std::strerror(errno));
+}
+
 host::client::ComputerOptions Boot(const SessionOptions &options) {
+    CheckSettings(options.settings);
     host::client::ComputerOptions boot;
     boot.runtime.clock = host::ClockKind::Real;
     boot.runtime.registryFile = options.settings;
@@ -44,22 +68,26 @@ host::client::ComputerOptions Boot(const SessionOptions &options) {
 
 } // namespace
 
-Session::Session(const SessionOptions &options) {
+Session::Session(const SessionOptions &options) : name_(options.camera) {
     const host::client::ComputerOptions boot = Boot(options); // a bad plan is a usage error, whatever the camera
     camera_ = FindCamera(options);
     computer_ = std::make_unique<host::client::Computer>(DriverEntry, boot);
-
-    NTSTATUS status = computer_->PlugIn(camera_);
-    if (!NT_SUCCESS(status))
-        throw StatusFailure("the driver does not start on " + options.camera, status);
+    Require(computer_->PlugIn(camera_), "the driver does not start on it");
     std::vector<std::u16string> links;
-    status = host::client::FindCaptureFilters(links);
-    if (NT_SUCCESS(status) && links.empty())
-        status = STATUS_NO_SUCH_DEVICE;
+    Require(host::client::FindCaptureFilters(links), "cannot look for its filter");
+    Require(links.empty() ? STATUS_NO_SUCH_DEVICE : filter_.Open(links.front()), "cannot open its filter");
+}
+
+void Session::Require(NTSTATUS status, const std::string &what) {
     if (NT_SUCCESS(status))
-        status = filter_.Open(links.front());
-    if (!NT_SUCCESS(status))
-        throw StatusFailure("cannot open " + options.camera, status);
+        return;
+    RequireConnected("by now (" + what + ": " + StatusName(status) + ")");
+    throw StatusFailure(name_ + ": " + what, status);
+}
+
+void Session::RequireConnected(const std::string &when) {
+    if (!computer_->IsConnected())
+        throw Failure(ExitCode::DeviceLost, name_ + " is gone " + when);
 }
 
 } // namespace uvcam

@@ -25,11 +25,16 @@ class Session {
   public:
     explicit Session(const SessionOptions &options);
 
+    // Throws Failure when `status` is one: that the camera is gone, where this is why.
+    void Require(NTSTATUS status, const std::string &what);
+    // Throws Failure when the camera is gone.
+    void RequireConnected(const std::string &when);
+
     host::client::Filter &Filter() { return filter_; }
     host::cameras::SimulatedCamera &Camera() { return *camera_; }
-    host::client::Computer &Computer() { return *computer_; }
 
   private:
+    const std::string name_;
     std::shared_ptr<host::cameras::SimulatedCamera> camera_;
     std::unique_ptr<host::client::Computer> computer_;
     host::client::Filter filter_; // closes before the computer goes
