@@ -3,7 +3,7 @@
 #include "camera/uvc_camera.h"
 
 #include <algorithm>
-#include <iterator>
+#include <span>
 
 namespace uvc {
 
@@ -94,13 +94,14 @@ NTSTATUS UvcCamera::FinishFormats() {
 
 // The best output comes first. A monochrome image reaches RGB32 only as a copy of its bytes, so that comes last.
 NTSTATUS UvcCamera::AddConvertedFormats(bool colour) {
-    static constexpr OutputFormat kColourOutputs[] = {{&kSubtypeRgb32, 32}, {&kSubtypeRgb24, 24}, {&kSubtypeY800, 8}};
+    static constexpr OutputFormat kColourOutputs[] = {
+        {&kSubtypeRgb32, 32}, {&kSubtypeRgb24, 24}, {&kSubtypeY800, 8}, {&kSubtypeBy8, 8}};
     static constexpr OutputFormat kGreyOutputs[] = {{&kSubtypeY800, 8}, {&kSubtypeRgb24, 24}, {&kSubtypeRgb32, 32}};
-    static_assert(std::size(kColourOutputs) == std::size(kGreyOutputs));
 
+    using Outputs = std::span<const OutputFormat>;
     const ULONG sensorCount = formats.Count();
     for (ULONG i = 0; i < sensorCount; ++i) {
-        for (const OutputFormat &output : colour ? kColourOutputs : kGreyOutputs) {
+        for (const OutputFormat &output : colour ? Outputs(kColourOutputs) : Outputs(kGreyOutputs)) {
             const FormatRecord source = formats[i]; // appending moves the list
             const KS_BITMAPINFOHEADER &image = source.range.VideoInfoHeader.bmiHeader;
             if (image.biBitCount != kSensorBits || HasFormat(*output.subtype, image.biWidth, image.biHeight))
@@ -128,13 +129,12 @@ bool UvcCamera::HasFormat(const GUID &subtype, LONG width, LONG height) const {
 }
 
 NTSTATUS UvcCamera::BuildProbeRequest(const KS_VIDEOINFOHEADER &format, ProbeCommitBlock &block) {
-    constexpr USHORT kFixInterval = 1; // bmHint: the camera keeps dwFrameInterval and adapts the rest
     auto record = std::find_if(formats.begin(), formats.end(),
                                [&](const FormatRecord &offered) { return FormatMatchesRange(format, offered.range); });
     if (record == formats.end())
         return STATUS_INVALID_PARAMETER;
     block = {};
-    block.bmHint = kFixInterval;
+    block.bmHint = kKeepFrameInterval;
     block.bFormatIndex = static_cast<UCHAR>(record->formatIndex);
     block.bFrameIndex = static_cast<UCHAR>(record->frameIndex);
     block.dwFrameInterval = static_cast<ULONG>(format.AvgTimePerFrame);
@@ -165,6 +165,7 @@ NTSTATUS UvcCamera::QueryFrameIntervals(ULONG rangeIndex, LONG width, LONG heigh
         return STATUS_INVALID_PARAMETER;
 
     auto offer = [&](LONGLONG interval) {
+        interval = std::max(interval, LONGLONG{1});
         if (room == 0)
             ++count;
         else if (count < room)

@@ -78,8 +78,8 @@ NTSTATUS UvcCamera::SetParameter(ULONG id, ULONG value) {
         SharedStore(parameters.measureFrameRate, value != 0);
         return STATUS_SUCCESS;
     case kZeroBuffersParameter: {
-        SharedStore(parameters.zeroBuffers, value != 0);
         MutexGuard guard(stream.mutex); // a stop frees the engine
+        SharedStore(parameters.zeroBuffers, value != 0);
         if (stream.engine != nullptr)
             SharedStore(stream.engine->zeroBuffers, value != 0);
         return STATUS_SUCCESS;

@@ -30,4 +30,8 @@ struct DescriptorBlock {
 static_assert(sizeof(DescribedFormat) == 101);
 static_assert(sizeof(DescriptorBlock) == 769);
 
+// The descriptors of a UVC format and frame index; false when the block has no such pair.
+bool FindDescribedFrame(const DescriptorBlock &block, ULONG formatIndex, ULONG frameIndex, const UCHAR *&format,
+                        const UCHAR *&frame);
+
 } // namespace uvc

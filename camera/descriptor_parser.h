@@ -42,8 +42,4 @@ struct FrameDescription {
 bool ReadFormatDescriptor(const UCHAR *descriptor, FormatDescription &format);
 bool ReadFrameDescriptor(const UCHAR *descriptor, FrameDescription &frame);
 
-// The descriptors of a UVC format and frame index; false when the block has no such pair.
-bool FindDescribedFrame(const DescriptorBlock &block, ULONG formatIndex, ULONG frameIndex, const UCHAR *&format,
-                        const UCHAR *&frame);
-
 } // namespace uvc

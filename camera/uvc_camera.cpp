@@ -32,7 +32,7 @@ struct DeviceText {
 
 } // namespace
 
-UvcCamera::UvcCamera(PDEVICE_OBJECT device, FrameSink *frameSink) : sink(frameSink) {
+UvcCamera::UvcCamera(PDEVICE_OBJECT device, FrameSink *frameSink) : sink(frameSink), workItemDevice(device) {
     parameters.processorMask = imaging::DetectProcessorFeatures();
     StreamInitialise(*this);
 
@@ -74,16 +74,13 @@ NTSTATUS UvcCamera::Initialise() {
     NTSTATUS status = UsbConfigureDevice(*link);
     if (!NT_SUCCESS(status))
         return status;
-    productId_ = link->deviceDescriptor ? link->deviceDescriptor->idProduct : 0;
 
     descriptors = decltype(descriptors)::Allocate(PagedPool);
     if (!descriptors)
         return STATUS_INSUFFICIENT_RESOURCES;
 
-    // What the camera is set to streams without a commit; a camera that does not answer is committed at stream start.
-    ProbeCommitBlock current{}; // not in paged pool, which the bus driver cannot fill
-    if (NT_SUCCESS(UvcStreamingRequest(*this, false, kGetCur, current)))
-        descriptors->committed = current;
+    // A camera that does not answer leaves zeros.
+    static_cast<void>(UvcStreamingRequest(*this, false, kGetCur, descriptors->committed));
     ParseDescriptors(link->ConfigurationBytes(), *descriptors);
 
     status = CreateControls();
@@ -106,14 +103,8 @@ void UvcCamera::GetCameraInfo(CameraInfo &info) {
         info.vendorId = link->deviceDescriptor->idVendor;
         info.productId = link->deviceDescriptor->idProduct;
     }
-    {
-        DeviceText product(*link, kProductString);
-        ToAnsi(product.string, info.product);
-    }
-    {
-        DeviceText manufacturer(*link, kManufacturerString);
-        ToAnsi(manufacturer.string, info.manufacturer);
-    }
+    ToAnsi(DeviceText(*link, kProductString).string, info.product);
+    ToAnsi(DeviceText(*link, kManufacturerString).string, info.manufacturer);
     DeviceText serial(*link, kSerialNumberString);
     ToAnsi(serial.string, info.serialText);
     if (serial.string.Length > kSerialBytes)

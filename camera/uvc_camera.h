@@ -97,10 +97,12 @@ class UvcCamera {
     // IRQL: <= DISPATCH_LEVEL.
     void DrawStatistics(const FrameRecord &frame);
 
-    ULONG ProductId() const { return productId_; }
-
     // Owned by the device context.
     FrameSink *const sink;
+
+    // On whose behalf work items run: the system keeps the driver of this object loaded until they have returned. The
+    // device context puts the driver's own device object here; requests go to the link's lower device.
+    PDEVICE_OBJECT workItemDevice;
 
     // Set once the format list is valid.
     bool formatsReady = false;
@@ -147,8 +149,6 @@ class UvcCamera {
     NTSTATUS BuildFormatList();
     NTSTATUS AddDescribedFrames();
     void ReadFirmwareRevision();
-
-    ULONG productId_ = 0;
 };
 
 // Constructs the object in a block of pool; null without memory. The factory of the model table's rows.

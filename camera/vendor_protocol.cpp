@@ -52,7 +52,7 @@ NTSTATUS VendorReadWord(UvcCamera &camera, VendorRequestCode request, ULONG &val
 
 NTSTATUS VendorReadDescription(UvcCamera &camera, CameraDescription &description) {
     constexpr UCHAR kVersion = 1;
-    enum Feature : UCHAR { kColour = 1, kFocus = 2, kRegisters = 4, kBinning = 8, kRegion = 16 };
+    enum Feature : UCHAR { kColour = 1, kRegisters = 4 };
 
     description = {};
     UCHAR bytes[sizeof(description.bytes)] = {};
@@ -68,14 +68,8 @@ NTSTATUS VendorReadDescription(UvcCamera &camera, CameraDescription &description
     cursor.Skip(1);
     UCHAR features = cursor.U8();
     description.colour = (features & kColour) != 0;
-    description.motorisedFocus = (features & kFocus) != 0;
     description.registerBlock = (features & kRegisters) != 0;
-    description.binning = (features & kBinning) != 0;
-    description.regionOfInterest = (features & kRegion) != 0;
     description.pattern = cursor.U8();
-    cursor.Skip(1);
-    description.width = cursor.U16();
-    description.height = cursor.U16();
     return STATUS_SUCCESS;
 }
 

@@ -30,13 +30,8 @@ NTSTATUS VendorReadWord(UvcCamera &camera, VendorRequestCode request, ULONG &val
 struct CameraDescription {
     UCHAR bytes[8]; // as received, all zero when the camera did not answer as it should
     bool colour;
-    bool motorisedFocus;
     bool registerBlock;
-    bool binning;
-    bool regionOfInterest;
     ULONG pattern; // Bayer pattern of a colour sensor: 0 B-G, 1 G-B, 2 G-R, 3 R-G
-    USHORT width;
-    USHORT height;
 };
 
 // A camera that refuses, cuts the answer short or speaks another version is monochrome without any feature; only

@@ -1,4 +1,5 @@
 // The driver-parameter property set: 32-bit values, and a few blocks that the camera object reads and writes itself.
+#include "camera/parameter.h"
 #include "camera/uvc_camera.h"
 #include "driver/property_router.h"
 #include "driver/uvc_device.h"
@@ -9,11 +10,10 @@ namespace {
 
 constexpr ULONG kGetAndSet = KSPROPERTY_TYPE_GET | KSPROPERTY_TYPE_SET;
 
-constexpr ULONG kPassThrough = 6;
 constexpr ULONG kBlockLength = 8;
 
 bool IsBlock(ULONG id) {
-    return id == kPassThrough || id == 15 || id == 19;
+    return id == kPassThroughParameter || id == kCameraDescriptionParameter || id == kSensorColoursParameter;
 }
 
 ULONG Smaller(ULONG a, ULONG b) {
@@ -22,8 +22,9 @@ ULONG Smaller(ULONG a, ULONG b) {
 
 NTSTATUS SetBlock(UvcCamera &camera, PropertyRequest &request) {
     // The data is the caller's output buffer; the input length alone would let it be read beyond its end.
-    const ULONG length =
-        request.property->Id == kPassThrough ? Smaller(request.inputLength, request.outputLength) : kBlockLength;
+    const ULONG length = request.property->Id == kPassThroughParameter
+                             ? Smaller(request.inputLength, request.outputLength)
+                             : kBlockLength;
     return camera.SetParameterBlock(request.property->Id, static_cast<UCHAR *>(request.data), length);
 }
 

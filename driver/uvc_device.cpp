@@ -59,6 +59,7 @@ NTSTATUS UvcDevice::Start() {
     UvcCamera *candidate = IdentifyCamera();
     if (candidate == nullptr)
         return STATUS_INSUFFICIENT_RESOURCES;
+    candidate->workItemDevice = device->FunctionalDeviceObject;
     NTSTATUS status = candidate->Initialise();
     if (!NT_SUCCESS(status)) {
         candidate->Destroy(kDestroyAndFree);

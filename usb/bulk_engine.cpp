@@ -11,7 +11,7 @@ namespace uvc {
 namespace {
 
 constexpr ULONG kDefaultPacketsPerTransfer = 8;
-constexpr LONGLONG kBusyPortDelay = 50 * 10'000; // 50 ms in 100 ns
+constexpr LONGLONG kBusyPortDelay = 500'000; // 50 ms in 100 ns
 
 using EnginePointer = PoolPointer<BulkStreamEngine, pool_tag::Context>;
 
@@ -44,12 +44,11 @@ void Resubmit(BulkStreamEngine &engine, BulkTransfer &transfer) {
         LeaveIdle(transfer);
 }
 
-// Makes every transfer come back. Requests are cancelled one by one where the abort cannot be sent, so that a stop
-// never waits for a camera that has nothing to say.
+// Makes every transfer come back. An abort may have failed in the bus driver without saying so: whatever is still in
+// flight after it is cancelled, so that a stop never waits for a camera that has nothing to say. Resubmission is closed
+// by then, so no request is reused meanwhile.
 NTSTATUS AbortTransfers(BulkStreamEngine &engine) {
     NTSTATUS status = UsbPipeRequest(engine.lowerDevice, engine.pipe, URB_FUNCTION_ABORT_PIPE);
-    if (NT_SUCCESS(status))
-        return status;
     for (BulkTransfer &transfer : Transfers(engine))
         if (SharedLoad(transfer.inFlight) != 0)
             IoCancelIrp(transfer.irp);
@@ -107,7 +106,7 @@ void RequestReset(BulkStreamEngine &engine) {
 // What becomes of a transfer that has come back.
 NTSTATUS Judge(BulkStreamEngine &engine, BulkTransfer &transfer) {
     const NTSTATUS status = transfer.irp->IoStatus.Status;
-    if (transfer.irp->Cancel || status == STATUS_CANCELLED)
+    if (SharedLoad(transfer.irp->Cancel) || status == STATUS_CANCELLED)
         return STATUS_CANCELLED;
     const USBD_STATUS urbStatus = transfer.urb.Hdr.Status;
     if (NT_SUCCESS(status) && urbStatus == USBD_STATUS_SUCCESS) {
@@ -149,7 +148,8 @@ void FreeTransfer(BulkTransfer &transfer) {
 void FreeTransfers(BulkStreamEngine &engine) {
     for (BulkTransfer &transfer : Transfers(engine))
         FreeTransfer(transfer);
-    PoolPointer<BulkTransfer, pool_tag::Array> array(engine.transfers); // freed here
+    if (engine.transfers != nullptr)
+        ExFreePoolWithTag(engine.transfers, pool_tag::Array);
     engine.transfers = nullptr;
     engine.transferCount = 0;
 }
@@ -176,7 +176,7 @@ NTSTATUS BuildTransfers(BulkStreamEngine &engine, ULONG size, ULONG count) {
     FreeTransfers(engine);
     if (count == 0)
         return STATUS_SUCCESS;
-    ULONG bytes = 0; // the count is a client's number: no pool holds more than 4 GB of it
+    ULONG bytes = 0; // the count is a client's number: an absurd one is refused before that much is zeroed
     if (__builtin_mul_overflow(count, static_cast<ULONG>(sizeof(BulkTransfer)), &bytes))
         return STATUS_INSUFFICIENT_RESOURCES;
     engine.transfers = static_cast<BulkTransfer *>(PoolAllocateZeroed(NonPagedPool, bytes, pool_tag::Array));
@@ -211,8 +211,8 @@ NTSTATUS EndTransfers(BulkStreamEngine &engine) {
 
 } // namespace
 
-BulkStreamEngine *BulkEngineCreate(UvcCamera &owner, PDEVICE_OBJECT lowerDevice, USBD_PIPE_INFORMATION *pipe,
-                                   PayloadCallback callback, bool zeroBuffers) {
+BulkStreamEngine *BulkEngineCreate(UvcCamera &owner, PDEVICE_OBJECT lowerDevice, PDEVICE_OBJECT workItemDevice,
+                                   USBD_PIPE_INFORMATION *pipe, PayloadCallback callback, bool zeroBuffers) {
     auto engine = EnginePointer::Allocate(NonPagedPool);
     if (!engine)
         return nullptr;
@@ -221,7 +221,7 @@ BulkStreamEngine *BulkEngineCreate(UvcCamera &owner, PDEVICE_OBJECT lowerDevice,
     engine->callback = callback;
     engine->pipe = pipe;
     engine->lowerDevice = lowerDevice;
-    WorkItemTrackerInitialise(engine->workItems, lowerDevice);
+    WorkItemTrackerInitialise(engine->workItems, workItemDevice);
     RundownInitialise(engine->resubmissions);
     KeInitializeEvent(&engine->launched, NotificationEvent, FALSE);
     return engine.Release();
@@ -241,17 +241,20 @@ NTSTATUS BulkEngineStart(BulkStreamEngine &engine, ULONG transferSize, ULONG tra
         transferSize = kDefaultPacketsPerTransfer * engine.pipe->MaximumPacketSize;
     if (transferSize == 0)
         return STATUS_INVALID_PARAMETER;
+    NTSTATUS status = BuildTransfers(engine, transferSize, transferCount);
+    if (NT_SUCCESS(status))
+        status = ResetPipe(engine);
+    if (!NT_SUCCESS(status)) {
+        FreeTransfers(engine);
+        return status;
+    }
+
     KeClearEvent(&engine.launched);
     InterlockedExchange(&engine.stopping, 0);
     InterlockedExchange(&engine.resetPending, 0);
     WorkItemOpen(engine.workItems);
     RundownOpen(engine.resubmissions);
-
-    NTSTATUS status = BuildTransfers(engine, transferSize, transferCount);
-    if (NT_SUCCESS(status))
-        status = ResetPipe(engine);
-    if (NT_SUCCESS(status))
-        status = SubmitTransfers(engine);
+    status = SubmitTransfers(engine);
     KeSetEvent(&engine.launched, IO_NO_INCREMENT, FALSE);
     if (!NT_SUCCESS(status)) {
         static_cast<void>(EndTransfers(engine)); // the caller hears why the start failed
@@ -290,7 +293,7 @@ NTSTATUS BulkEngineSubmit(BulkStreamEngine &engine, BulkTransfer &transfer) {
 }
 
 void BulkEngineHandBack(BulkStreamEngine &engine, BulkTransfer &transfer) {
-    if (transfer.irp->Cancel || transfer.irp->IoStatus.Status == STATUS_CANCELLED)
+    if (SharedLoad(transfer.irp->Cancel) || transfer.irp->IoStatus.Status == STATUS_CANCELLED)
         LeaveIdle(transfer);
     else
         Resubmit(engine, transfer);

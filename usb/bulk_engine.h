@@ -46,9 +46,10 @@ struct BulkStreamEngine {
     KEVENT launched; // signalled once a start has submitted its transfers; a reset waits, so that only one of both does
 };
 
-// A zeroed engine with its tracker closed, or null without memory. IRQL: PASSIVE_LEVEL.
-BulkStreamEngine *BulkEngineCreate(UvcCamera &owner, PDEVICE_OBJECT lowerDevice, USBD_PIPE_INFORMATION *pipe,
-                                   PayloadCallback callback, bool zeroBuffers);
+// A zeroed engine with its tracker closed, or null without memory. Resets run on behalf of `workItemDevice`. IRQL:
+// PASSIVE_LEVEL.
+BulkStreamEngine *BulkEngineCreate(UvcCamera &owner, PDEVICE_OBJECT lowerDevice, PDEVICE_OBJECT workItemDevice,
+                                   USBD_PIPE_INFORMATION *pipe, PayloadCallback callback, bool zeroBuffers);
 
 // Stops the engine if need be and frees it. IRQL: PASSIVE_LEVEL.
 void BulkEngineDestroy(BulkStreamEngine *engine);

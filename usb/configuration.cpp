@@ -10,6 +10,8 @@ namespace {
 
 // What is asked for before the true length is known; odd, so that a longer answer never ends with a full packet.
 constexpr ULONG kFirstConfigurationLength = 521;
+// Two reads are the rule. A device that claims more with every answer is given up.
+constexpr ULONG kConfigurationRounds = 8;
 constexpr ULONG kTotalLengthOffset = 2; // of wTotalLength in the configuration descriptor
 
 constexpr UCHAR kLastAlternateSetting = 254;
@@ -66,13 +68,15 @@ NTSTATUS QueryBusInterface(PDEVICE_OBJECT lowerDevice, USB_BUS_INTERFACE_USBDI_V
 
 bool IsHighSpeed(PDEVICE_OBJECT lowerDevice) {
     USB_BUS_INTERFACE_USBDI_V1 bus{};
-    return NT_SUCCESS(QueryBusInterface(lowerDevice, bus)) && bus.IsDeviceHighSpeed(bus.BusContext);
+    return NT_SUCCESS(QueryBusInterface(lowerDevice, bus)) && bus.IsDeviceHighSpeed != nullptr &&
+           bus.IsDeviceHighSpeed(bus.BusContext);
 }
 
 USB_INTERFACE_DESCRIPTOR *FindInterface(USB_CONFIGURATION_DESCRIPTOR *configuration, ULONG number, ULONG alternate) {
     constexpr LONG kAny = -1; // of class, subclass and protocol
-    return USBD_ParseConfigurationDescriptorEx(configuration, configuration, static_cast<LONG>(number),
-                                               static_cast<LONG>(alternate), kAny, kAny, kAny);
+    USB_INTERFACE_DESCRIPTOR *found = USBD_ParseConfigurationDescriptorEx(
+        configuration, configuration, static_cast<LONG>(number), static_cast<LONG>(alternate), kAny, kAny, kAny);
+    return found != nullptr && found->bLength >= sizeof(*found) ? found : nullptr;
 }
 
 // Puts every interface descriptor into `list`, by number and then by alternate setting, and counts them. With a null
@@ -138,10 +142,13 @@ NTSTATUS StoreSelectedInterfaces(UsbDeviceLink &link, const USBD_INTERFACE_LIST_
 } // namespace
 
 NTSTATUS UsbGetConfigurationDescriptor(UsbDeviceLink &link) {
-    for (ULONG length = kFirstConfigurationLength;;) {
+    ULONG length = kFirstConfigurationLength;
+    for (ULONG round = 0; round < kConfigurationRounds; ++round) {
         link.configurationLength = 0;
-        link.configuration.Reset(
-            static_cast<USB_CONFIGURATION_DESCRIPTOR *>(PoolAllocateZeroed(NonPagedPool, length, pool_tag::UsbPipe)));
+        // Room for an interface descriptor that begins with the last byte: its fields may be looked at before its
+        // length.
+        link.configuration.Reset(static_cast<USB_CONFIGURATION_DESCRIPTOR *>(
+            PoolAllocateZeroed(NonPagedPool, length + sizeof(USB_INTERFACE_DESCRIPTOR), pool_tag::UsbPipe)));
         if (!link.configuration)
             return STATUS_INSUFFICIENT_RESOURCES;
         ULONG received = 0;
@@ -166,6 +173,9 @@ NTSTATUS UsbGetConfigurationDescriptor(UsbDeviceLink &link) {
         link.configuration->wTotalLength = static_cast<USHORT>(link.configurationLength);
         return STATUS_SUCCESS;
     }
+    link.configuration.Reset();
+    link.configurationLength = 0;
+    return STATUS_DEVICE_CONFIGURATION_ERROR;
 }
 
 NTSTATUS UsbSelectConfiguration(UsbDeviceLink &link, USB_CONFIGURATION_DESCRIPTOR *configuration) {
@@ -180,7 +190,7 @@ NTSTATUS UsbSelectConfiguration(UsbDeviceLink &link, USB_CONFIGURATION_DESCRIPTO
         return STATUS_INSUFFICIENT_RESOURCES;
     status = UsbSubmitUrbOrFail(link.lowerDevice, request.Get(), kUsbRequestTimeoutMs);
     if (!NT_SUCCESS(status)) {
-        if (status == USBD_STATUS_NO_BANDWIDTH || request.Get()->UrbHeader.Status == USBD_STATUS_NO_BANDWIDTH)
+        if (status == USBD_STATUS_NO_BANDWIDTH)
             DbgPrint("Not enough bandwidth available. Failing initialization.\n");
         return status;
     }

@@ -32,7 +32,8 @@ struct UsbDeviceLink {
     PDEVICE_OBJECT lowerDevice; // target of every submission
     PoolPointer<USB_DEVICE_DESCRIPTOR, pool_tag::UsbPipe> deviceDescriptor;
     PoolPointer<USB_CONFIGURATION_DESCRIPTOR, pool_tag::UsbPipe> configuration;
-    ULONG configurationLength = 0; // bytes that the device really sent; wTotalLength is never larger
+    ULONG configurationLength =
+        0; // bytes that the device sent, as far as wTotalLength goes; wTotalLength is never larger
     USBD_CONFIGURATION_HANDLE configurationHandle = nullptr;
 
     // One slot per interface number: null, or a private copy of what the bus driver last returned for it.

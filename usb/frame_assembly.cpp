@@ -25,9 +25,9 @@ bool IsFull(const FrameRecord &record) {
 
 // Queues a collected image to the worker. STATUS_CANCELLED for an image that is short or that the worker has no room
 // for, STATUS_INSUFFICIENT_RESOURCES for other failures; the buffer is then back in the pool.
-NTSTATUS QueueCollected(UvcCamera &camera, PoolBuffer &buffer) {
+NTSTATUS QueueCollected(UvcCamera &camera, PoolBuffer &buffer, bool discard) {
     NTSTATUS status = STATUS_CANCELLED;
-    if (!DiscardsIncomplete(camera) || buffer.fill >= FrameSize(camera))
+    if (!discard || buffer.fill >= FrameSize(camera))
         status = WorkerQueue(camera, &buffer, buffer.data, buffer.fill);
     if (NT_SUCCESS(status))
         return status;
@@ -52,7 +52,7 @@ NTSTATUS AssembleDirect(UvcCamera &camera, const Payload &payload, bool &end) {
     const bool full = IsFull(record);
     if (!full && !end)
         return STATUS_SUCCESS;
-    // A full frame without an end is dropped whatever the setting: there is more of it than the format allows.
+    // A full frame without an end is dropped whatever the setting: its end has not been seen.
     if (full ? end : !DiscardsIncomplete(camera))
         camera.CompleteFrame(record);
     else
@@ -65,7 +65,8 @@ NTSTATUS AssembleCollected(UvcCamera &camera, const Payload &payload, bool &end)
     StreamState &stream = camera.stream;
     // The bytes of a frame that ends short must not stay: the next frame, which brings the expected FID, would continue
     // them, and every later frame would be shifted.
-    const bool force = end && !DiscardsIncomplete(camera);
+    const bool discard = DiscardsIncomplete(camera); // read once: an application may change it at any time
+    const bool force = end && !discard;
     PoolBuffer *buffer = nullptr;
     const NTSTATUS status =
         FramePoolAppend(stream.pool, payload.data.data(), static_cast<ULONG>(payload.data.size()), force, buffer);
@@ -76,7 +77,7 @@ NTSTATUS AssembleCollected(UvcCamera &camera, const Payload &payload, bool &end)
     }
     end = true;
     if (buffer->fill != 0)
-        return QueueCollected(camera, *buffer);
+        return QueueCollected(camera, *buffer, discard);
     FramePoolPut(stream.pool, buffer); // an end without data, behind a complete frame
     return STATUS_SUCCESS;
 }
@@ -139,7 +140,8 @@ void ProcessPiece(UvcCamera &camera, std::span<const std::uint8_t> bytes) {
     PoolBuffer *buffer = nullptr;
     static_cast<void>(FramePoolAppend(pool, bytes.data(), static_cast<ULONG>(bytes.size()), !payload.valid, buffer));
     if (buffer != nullptr)
-        static_cast<void>(QueueCollected(camera, *buffer)); // a refused frame costs no transfer here
+        static_cast<void>(
+            QueueCollected(camera, *buffer, DiscardsIncomplete(camera))); // a refused frame costs no transfer here
 }
 
 } // namespace

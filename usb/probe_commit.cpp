@@ -1,7 +1,6 @@
 #include "usb/probe_commit.h"
 
 #include "camera/uvc_camera.h"
-#include "platform/byte_cursor.h"
 #include "platform/shared_field.h"
 #include "usb/uvc_request.h"
 
@@ -13,43 +12,8 @@ namespace {
 constexpr USHORT kProbeControl = 0x0100;
 constexpr USHORT kCommitControl = 0x0200;
 
-constexpr USHORT kHintFrameInterval = 1; // bmHint: dwFrameInterval is to be kept
-
-// Heads of VS_FORMAT_* and VS_FRAME_* descriptors (UVC 1.1, section 3.9.2).
-constexpr UCHAR kFormatUncompressed = 0x04;
-constexpr UCHAR kFormatFrameBased = 0x10;
-struct StreamDescriptorHead {
-    UCHAR subtype;
-    UCHAR index; // bFormatIndex, bFrameIndex
-};
-
-StreamDescriptorHead ReadHead(const UCHAR *descriptor) {
-    ByteCursor cursor({descriptor, 4});
-    cursor.Skip(2); // bLength, bDescriptorType
-    StreamDescriptorHead head{};
-    head.subtype = cursor.U8();
-    head.index = cursor.U8();
-    return head;
-}
-
-const DescribedFormat *FindFormat(const DescriptorBlock &block, UCHAR formatIndex) {
-    for (ULONG i = 0; i < block.formatCount; ++i) {
-        const StreamDescriptorHead head = ReadHead(block.formats[i].format);
-        if ((head.subtype == kFormatUncompressed || head.subtype == kFormatFrameBased) && head.index == formatIndex)
-            return &block.formats[i];
-    }
-    return nullptr;
-}
-
-const UCHAR *FindFrame(const DescribedFormat &format, UCHAR frameIndex) {
-    for (ULONG i = 0; i < format.frameCount; ++i)
-        if (ReadHead(format.frames[i]).index == frameIndex)
-            return format.frames[i];
-    return nullptr;
-}
-
 bool IsInWantedState(const ProbeCommitBlock &current, const ProbeCommitBlock &wanted) {
-    return wanted.bmHint == kHintFrameInterval && current.bFormatIndex == wanted.bFormatIndex &&
+    return wanted.bmHint == kKeepFrameInterval && current.bFormatIndex == wanted.bFormatIndex &&
            current.bFrameIndex == wanted.bFrameIndex && current.dwFrameInterval == wanted.dwFrameInterval;
 }
 
@@ -80,10 +44,10 @@ NTSTATUS Commit(UvcCamera &camera, bool force, ProbeCommitBlock &result, const P
 }
 
 void FillImageParameters(UvcCamera &camera, const DescriptorBlock &block) {
-    const DescribedFormat *format = FindFormat(block, block.committed.bFormatIndex);
-    const UCHAR *frame = format != nullptr ? FindFrame(*format, block.committed.bFrameIndex) : nullptr;
-    if (frame != nullptr)
-        camera.FillImageParameters(format->format, frame);
+    const UCHAR *format = nullptr;
+    const UCHAR *frame = nullptr;
+    if (FindDescribedFrame(block, block.committed.bFormatIndex, block.committed.bFrameIndex, format, frame))
+        camera.FillImageParameters(format, frame);
 }
 
 } // namespace

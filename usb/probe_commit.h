@@ -30,6 +30,8 @@ struct ProbeCommitBlock {
 #pragma pack(pop)
 static_assert(sizeof(ProbeCommitBlock) == 34);
 
+inline constexpr USHORT kKeepFrameInterval = 1; // bmHint: dwFrameInterval is to be kept
+
 // One request on the probe (commit false) or commit control: SET_CUR or GET_CUR of the 34-byte block, which
 // may be paged and stays as it was when the request fails. IRQL: PASSIVE_LEVEL.
 NTSTATUS UvcStreamingRequest(UvcCamera &camera, bool commit, UCHAR request, ProbeCommitBlock &block);

@@ -33,7 +33,7 @@ void ChooseAssembly(StreamState &stream) {
         stream.collecting = true;
     else if (stream.workerMode)
         stream.collecting = stream.transferSize < stream.sensor.bmiHeader.biSizeImage;
-    // Without a worker the setting is without effect and stays as it was.
+    // Without a worker the setting stays as it was; left on, it costs a pool that nobody fills.
 }
 
 NTSTATUS Prepare(UvcCamera &camera, const KS_VIDEOINFOHEADER &format, USBD_PIPE_INFORMATION *pipe) {
@@ -43,7 +43,7 @@ NTSTATUS Prepare(UvcCamera &camera, const KS_VIDEOINFOHEADER &format, USBD_PIPE_
         return status;
     ChooseTransferSize(camera, *pipe);
     ChooseAssembly(stream);
-    stream.engine = BulkEngineCreate(camera, camera.link->lowerDevice, pipe, OnBulkPayload,
+    stream.engine = BulkEngineCreate(camera, camera.link->lowerDevice, camera.workItemDevice, pipe, OnBulkPayload,
                                      SharedLoad(camera.parameters.zeroBuffers));
     return stream.engine != nullptr ? STATUS_SUCCESS : STATUS_INSUFFICIENT_RESOURCES;
 }
@@ -121,7 +121,7 @@ NTSTATUS StreamStart(UvcCamera &camera, const KS_VIDEOINFOHEADER &format) {
         return STATUS_DEVICE_NOT_CONNECTED;
     StreamState &stream = camera.stream;
     MutexGuard guard(stream.mutex);
-    if (stream.streaming) // a pause that failed halfway lets the client start again
+    if (stream.streaming) // a second start would lose the first one's engine, pool and thread
         TearDown(camera);
     NTSTATUS status = Prepare(camera, format, pipe);
     if (!NT_SUCCESS(status))

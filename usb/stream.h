@@ -30,11 +30,11 @@ struct StreamState {
     BulkStreamEngine *engine = nullptr;
     ULONG transferSize = 0;
 
-    KSPIN_LOCK frameLock; // guards what follows, up to the counters
+    KSPIN_LOCK frameLock; // guards writes to what follows, up to the counters
     FrameRecord currentFrame;
     UCHAR lastFid = kFidUnknown;
 
-    // Written by whoever ends a frame (completion path or worker), read by the overlay and by clients.
+    // Written by whoever ends a frame (completion path or worker), read by the overlay.
     ULONG dropped = 0;
     ULONG delivered = 0;
     ULONG noBuffer = 0;

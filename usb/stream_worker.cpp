@@ -79,6 +79,10 @@ imaging::ImageDescriptor SourceOf(const WorkerNode &node) {
             .stride = static_cast<ULONG>(stride)};
 }
 
+ULONG Magnitude(LONG value) {
+    return value < 0 ? 0u - static_cast<ULONG>(value) : static_cast<ULONG>(value);
+}
+
 ULONG OutputFourCc(const KS_BITMAPINFOHEADER &output) {
     if (output.biCompression != 0)
         return output.biCompression;
@@ -95,13 +99,12 @@ ULONG OutputFourCc(const KS_BITMAPINFOHEADER &output) {
 imaging::ImageDescriptor DestinationOf(const WorkerNode &node, const imaging::ImageDescriptor &source,
                                        LONG outputHeight) {
     const KS_BITMAPINFOHEADER &output = node.camera->stream.output.bmiHeader;
-    const auto rows = static_cast<ULONG>(outputHeight < 0 ? -static_cast<LONGLONG>(outputHeight) : outputHeight);
-    const ULONG width = std::min<ULONG>(source.width, static_cast<ULONG>(output.biWidth));
+    const ULONG width = std::min<ULONG>(source.width, Magnitude(output.biWidth));
     return {.data = node.frame.data,
             .size = node.frame.size,
             .fourcc = OutputFourCc(output),
             .width = width,
-            .height = std::min<ULONG>(source.height, rows),
+            .height = std::min<ULONG>(source.height, Magnitude(outputHeight)),
             .stride = output.biBitCount * width / 8};
 }
 

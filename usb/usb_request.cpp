@@ -134,9 +134,10 @@ NTSTATUS UsbGetStringDescriptor(PDEVICE_OBJECT lowerDevice, UCHAR index, UNICODE
     // A device may claim a longer descriptor than it sent, or than was asked for.
     const ULONG received = std::min(request->TransferBufferLength, kStringDescriptorSize);
     ByteCursor descriptor({reinterpret_cast<const std::uint8_t *>(words.Get()), received});
-    const ULONG length = std::min<ULONG>(descriptor.U8(), received);
-    if (length == kUnprogrammedStringLength)
+    const UCHAR claimed = descriptor.U8();
+    if (claimed == kUnprogrammedStringLength)
         return RtlUnicodeStringCbCopyStringN(text, kUnprogrammedText, sizeof(kUnprogrammedText));
+    const ULONG length = std::min<ULONG>(claimed, received);
     words[length / sizeof(WCHAR)] = 0;
     return RtlUnicodeStringCbCopyStringN(text, words.Get() + 1, length);
 }

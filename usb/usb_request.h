@@ -1,5 +1,5 @@
-// Synchronous USB requests: the only place where the driver talks to the bus driver below it for anything but bulk
-// streaming. Everything here waits for its request.
+// Synchronous USB requests: where the driver talks to the bus driver below it for anything but bulk streaming and the
+// query for the bus interface. Everything here waits for its request.
 #pragma once
 
 #include "platform/platform.h"

@@ -1,3 +1,4 @@
+#include "camera/camera_family_c.h"
 #include "imaging/conversion.h"
 #include "tests/camera/plugged_camera.h"
 
@@ -43,7 +44,6 @@ TEST(CameraFamilies, TellWhoTheyAre) {
         EXPECT_EQ(info.reserved[0] | info.reserved[1], 0u);
         EXPECT_STREQ(plugged.camera.infoText, test.infoText);
         EXPECT_STREQ(plugged.camera.bannerText, "uvc_drv, ver=2.1.5.616 build (fre) Tue May  3 11:48:55 2011");
-        EXPECT_EQ(plugged.camera.ProductId(), model.productId);
     }
 }
 
@@ -141,6 +141,38 @@ TEST(CameraFamilies, ConvertWithTheirColoursNamed) {
         destination.data = frame.data();
         plugged.camera.ConvertFrame(destination, source, kFlags);
         EXPECT_EQ(frame, expected);
+    }
+}
+
+TEST(CameraFamilies, UnknownPatternsNameNoColours) {
+    constexpr ULONG kNames[] = {imaging::kFourCcBayerBg, imaging::kFourCcBayerGb, imaging::kFourCcBayerGr,
+                                imaging::kFourCcBayerRg, 0};
+    for (ULONG pattern = 0; pattern < std::size(kNames); ++pattern) {
+        imaging::ImageDescriptor source{.fourcc = imaging::kFourCcGrey8};
+        LabelSource({.fourcc = imaging::kFourCcRgb24}, pattern, source);
+        EXPECT_EQ(source.fourcc, kNames[pattern]) << pattern;
+    }
+}
+
+class CountingCamera final : public CameraFamilyC {
+  public:
+    CountingCamera(PDEVICE_OBJECT device, FrameSink *sink, ULONG interval) : CameraFamilyC(device, sink) {
+        statisticsInterval_ = interval;
+    }
+    void ProcessRawFrame(imaging::ImageDescriptor &, bool statistics) override { judged += statistics ? 'x' : '.'; }
+
+    std::string judged;
+};
+
+TEST(CameraFamilies, JudgeOneFrameOfAnInterval) {
+    PluggedCamera plugged("sim:8202");
+    for (const auto &[interval, judged] :
+         {std::pair{0, "xxxxxxxxx"}, {1, "xxxxxxxxx"}, {2, ".x.x.x.x."}, {4, "...x...x."}}) {
+        CountingCamera camera(plugged.plugged.pdo, &plugged.plugged.sink, static_cast<ULONG>(interval));
+        imaging::ImageDescriptor destination{.fourcc = imaging::kFourCcGrey8}, source = destination;
+        for (int i = 0; i < 9; ++i)
+            camera.ConvertFrame(destination, source, 0);
+        EXPECT_EQ(camera.judged, judged);
     }
 }
 

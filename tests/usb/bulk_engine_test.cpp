@@ -20,7 +20,8 @@ class BulkEngineTest : public testing::Test {
         active = this;
         lower.answer = [this](const Request &request) { return Answer(request); };
         // The engine never looks into its owner.
-        engine.reset(BulkEngineCreate(*reinterpret_cast<UvcCamera *>(this), lower.Device(), &pipe, OnPayload, false));
+        engine.reset(BulkEngineCreate(*reinterpret_cast<UvcCamera *>(this), lower.Device(), lower.Device(), &pipe,
+                                      OnPayload, false));
     }
     ~BulkEngineTest() override { engine.reset(); }
 

@@ -46,7 +46,7 @@ class FrameAssemblyTest : public testing::Test {
             EXPECT_EQ(FramePoolCreate(stream.pool, kFrameSize), STATUS_SUCCESS);
         EXPECT_EQ(camera->CreateWorker(), created);
         // A closed engine, which leaves the transfers that come back to it idle.
-        engine = BulkEngineCreate(*camera, nullptr, nullptr, OnBulkPayload, false);
+        engine = BulkEngineCreate(*camera, nullptr, nullptr, nullptr, OnBulkPayload, false);
         transfers.clear();
     }
     void Finish() {
