@@ -36,14 +36,15 @@ void UvcCamera::DrawStatistics(const FrameRecord &frame) {
         return;
     const KS_BITMAPINFOHEADER &output = stream.output.bmiHeader;
     const LONG signedHeight = SharedLoad(output.biHeight); // a flip may come while the stream runs
-    const LONG height = signedHeight < 0 ? -signedHeight : signedHeight;
+    const LONGLONG height = signedHeight < 0 ? -LONGLONG{signedHeight} : signedHeight;
     const ULONG format = OverlayFormatOf(output);
     if (output.biWidth < kSmallestWidth || height < kSmallestHeight || format == 0)
         return;
 
     const ULONG stride = output.biBitCount * static_cast<ULONG>(output.biWidth) / 8;
-    if (static_cast<ULONGLONG>(stride) * static_cast<ULONG>(height) > frame.size)
-        return; // an application's buffer may be smaller than its format says
+    // A device may announce no bits at all, and an application's buffer may be smaller than its format says.
+    if (stride == 0 || static_cast<ULONGLONG>(stride) * static_cast<ULONGLONG>(height) > frame.size)
+        return;
 
     const imaging::OverlayImage image{
         .format = format,
@@ -53,7 +54,7 @@ void UvcCamera::DrawStatistics(const FrameRecord &frame) {
         .stride = stride,
     };
     auto draw = [&image](LONG y, const char *text) {
-        imaging::DrawOverlayText(image, {.x = kTextX, .y = y}, imaging::kOverlayWhite, text, 1, imaging::kOverlayRed);
+        imaging::DrawOverlayText(image, {.x = kTextX, .y = y}, imaging::kOverlayWhite, text, 1, imaging::kOverlayBlue);
     };
 
     char counters[100];

@@ -15,6 +15,10 @@ constexpr std::uint32_t Feature(std::uint32_t feature) {
 constexpr std::uint32_t kMinimumVectorWidth = 32; // of grey smoothing
 constexpr std::uintptr_t kVectorAlignment = 16;
 
+bool IsEmpty(const ImageDescriptor &image) {
+    return image.width == 0 || image.height == 0;
+}
+
 void CopyBytes(const ImageDescriptor &destination, const ImageDescriptor &source) {
     __builtin_memcpy(destination.data, source.data, source.size < destination.size ? source.size : destination.size);
 }
@@ -38,7 +42,7 @@ GreyRows RowsOf(const ImageDescriptor &destination, const ImageDescriptor &sourc
 
 void SmoothToGrey(const ImageDescriptor &destination, const ImageDescriptor &source, std::uint32_t flags) {
     const std::uint32_t width = destination.width;
-    if (!HoldsRows(source, width, width, destination.height) ||
+    if (IsEmpty(destination) || !HoldsRows(source, width, width, destination.height) ||
         !HoldsRows(destination, width, destination.stride, destination.height))
         return;
     const GreyRows rows = RowsOf(destination, source, width, (flags & kOrientation) != 0);
@@ -55,7 +59,7 @@ void SmoothToGrey(const ImageDescriptor &destination, const ImageDescriptor &sou
 }
 
 void GreyToRgb24(const ImageDescriptor &destination, const ImageDescriptor &source, std::uint32_t flags) {
-    if (!HoldsRows(source, destination.width, source.stride, destination.height) ||
+    if (IsEmpty(destination) || !HoldsRows(source, destination.width, source.stride, destination.height) ||
         !HoldsRows(destination, std::uint64_t{destination.width} * 3, destination.stride, destination.height))
         return;
     const bool topDown = (flags & kOrientation) != 0;
@@ -100,8 +104,6 @@ void ConvertColourFrame(const ImageDescriptor &destination, const ImageDescripto
 }
 
 void ConvertMonoFrame(const ImageDescriptor &destination, const ImageDescriptor &source, std::uint32_t flags) {
-    if (destination.width == 0 || destination.height == 0)
-        return;
     switch (destination.fourcc) {
     case kFourCcBayer8:
     case kFourCcYuy2:

@@ -1,7 +1,8 @@
 // A sensor image into the client's frame: the choice of the path by destination format.
 //
-// The source has 8 bits a pixel, packed rows, and is as wide as the destination. Images that do not fit their buffers
-// are not converted at all; nothing outside the buffers is touched whatever the descriptors say.
+// The source has 8 bits a pixel. Its rows are taken for packed, as wide as the destination's, but on the way from grey
+// to "RGB3", which goes by the source's stride. An image whose rows are not inside both buffers is left alone; only the
+// formats that get the bytes of the source take what there is.
 #pragma once
 
 #include "imaging/demosaic.h"

@@ -13,6 +13,10 @@ constexpr std::uint32_t kDrawnBackground = kOverlayWhite;
 constexpr std::uint32_t kDrawnReserved = 1;
 constexpr std::uint32_t kDrawnText = kOverlayBlue;
 
+// The colours by code, in grey.
+constexpr std::uint8_t kGreyLevels[] = {0, 255, 178, 225, 149, 105, 29, 76};
+static_assert(sizeof(kGreyLevels) == kOverlayRed + 1);
+
 std::int64_t Rows(const OverlayImage &image) {
     const std::int64_t height = image.height;
     return height < 0 ? -height : height;
@@ -26,11 +30,17 @@ bool IsText(const char *text, std::int32_t column, std::int32_t row) {
     return (kOverlayFont[character][row - 1] >> (kCellPixels - 1 - column % kCellPixels) & 1) != 0;
 }
 
-// Walks the pixels of the box that are inside the image. Put gets the offset of the image row, the column of the box
-// and whether the pixel is text.
+// How many pixels of `pixelBytes` a row has: a device may announce fewer bits than its format's pixels have.
+std::int64_t Columns(const OverlayImage &image, std::uint32_t pixelBytes) {
+    const std::int64_t room = image.stride / pixelBytes;
+    return image.width < room ? image.width : room;
+}
+
+// Walks the pixels of the box that are in the first `columns` of the image. Put gets the offset of the image row, the
+// column of the box and whether the pixel is text.
 template <class Put>
-void DrawBox(const OverlayImage &image, OverlayPoint point, const char *text, std::int32_t boxWidth, bool bottomUp,
-             const Put &put) {
+void DrawBox(const OverlayImage &image, OverlayPoint point, const char *text, std::int32_t boxWidth,
+             std::int64_t columns, bool bottomUp, const Put &put) {
     const std::int64_t rows = Rows(image);
     for (std::int32_t row = 0; row < kBoxRows; ++row) {
         const std::int64_t y = std::int64_t{point.y} + row;
@@ -39,7 +49,7 @@ void DrawBox(const OverlayImage &image, OverlayPoint point, const char *text, st
         const std::int64_t offset = (bottomUp ? rows - 1 - y : y) * image.stride;
         for (std::int32_t column = 0; column < boxWidth; ++column) {
             const std::int64_t x = std::int64_t{point.x} + column;
-            if (x >= image.width)
+            if (x >= columns)
                 break;
             if (x >= 0)
                 put(offset, column, IsText(text, column, row));
@@ -47,12 +57,12 @@ void DrawBox(const OverlayImage &image, OverlayPoint point, const char *text, st
     }
 }
 
-// The components of one colour in a pixel of RGB.
+// A white box with red text.
 template <std::uint32_t kPixelBytes>
 void DrawRgb(const OverlayImage &image, OverlayPoint point, const char *text, std::int32_t boxWidth) {
     constexpr std::uint8_t kWhite[] = {0xFF, 0xFF, 0xFF, 0x00};
     constexpr std::uint8_t kRed[] = {0x00, 0x00, 0xFF, 0x00};
-    DrawBox(image, point, text, boxWidth, image.height >= 0,
+    DrawBox(image, point, text, boxWidth, Columns(image, kPixelBytes), image.height >= 0,
             [&](std::int64_t offset, std::int32_t column, bool isText) {
                 std::uint8_t *pixel = image.data + offset + (std::int64_t{point.x} + column) * kPixelBytes;
                 for (std::uint32_t i = 0; i < kPixelBytes; ++i)
@@ -79,23 +89,24 @@ void DrawYuv(const OverlayImage &image, OverlayPoint point, const char *text, st
     constexpr YuvColour kWhite = {.y = 235, .u = 128, .v = 128};
     constexpr YuvColour kRed = {.y = 81, .u = 90, .v = 240};
     const std::int64_t size = Rows(image) * image.stride;
-    DrawBox(image, point, text, boxWidth, false, [&](std::int64_t offset, std::int32_t column, bool isText) {
-        // The corner is counted in macro-pixels, the box advances in pixels: a long line runs into the next row, in the
-        // last row of the frame only to its end.
-        const std::int64_t parity = std::int64_t{point.x & 1} + column;
-        const std::int64_t place = offset + 4 * (point.x + parity / 2);
-        if (place < 0 || place + 4 > size)
-            return;
-        std::uint8_t *macroPixel = image.data + place;
-        const YuvColour &colour = isText ? kRed : kWhite;
-        if (parity % 2 == 0) {
-            macroPixel[layout.u] = colour.u;
-            macroPixel[layout.firstY] = colour.y;
-            macroPixel[layout.secondY] = colour.y;
-        } else {
-            macroPixel[layout.v] = colour.v;
-        }
-    });
+    DrawBox(image, point, text, boxWidth, image.width, false,
+            [&](std::int64_t offset, std::int32_t column, bool isText) {
+                // The corner is counted in macro-pixels, the box advances in pixels: a long line runs into the next
+                // row, in the last row of the frame only to its end.
+                const std::int64_t parity = std::int64_t{point.x & 1} + column;
+                const std::int64_t place = offset + 4 * (point.x + parity / 2);
+                if (place < 0 || place + 4 > size)
+                    return;
+                std::uint8_t *macroPixel = image.data + place;
+                const YuvColour &colour = isText ? kRed : kWhite;
+                if (parity % 2 == 0) {
+                    macroPixel[layout.u] = colour.u;
+                    macroPixel[layout.firstY] = colour.y;
+                    macroPixel[layout.secondY] = colour.y;
+                } else {
+                    macroPixel[layout.v] = colour.v;
+                }
+            });
 }
 
 std::int32_t LengthOf(const char *text) {
@@ -129,11 +140,10 @@ void DrawTextYuy2(const OverlayImage &image, OverlayPoint point, std::uint32_t, 
 
 void DrawTextGrey8(const OverlayImage &image, OverlayPoint point, std::uint32_t, const char *text, std::uint32_t,
                    std::uint32_t, std::int32_t boxWidth) {
-    constexpr std::uint8_t kWhite = 255;
-    constexpr std::uint8_t kBlue = 29;
-    DrawBox(image, point, text, boxWidth, false, [&](std::int64_t offset, std::int32_t column, bool isText) {
-        image.data[offset + point.x + column] = isText ? kBlue : kWhite;
-    });
+    DrawBox(image, point, text, boxWidth, Columns(image, 1), false,
+            [&](std::int64_t offset, std::int32_t column, bool isText) {
+                image.data[offset + point.x + column] = kGreyLevels[isText ? kDrawnText : kDrawnBackground];
+            });
 }
 
 void DrawOverlayText(const OverlayImage &image, OverlayPoint point, std::uint32_t, const char *text, std::uint32_t,

@@ -24,6 +24,7 @@ TEST(StatisticsOverlay, DrawsThreeLinesIntoFramesThatHoldThem) {
         {"RGB24 top-down", 0, 24, 640, -480, imaging::kFourCcRgb24},
         {"RGB32", 0, 32, 320, 240, imaging::kFourCcRgb32},
         {"RGB of 16 bits", 0, 16, 320, 240, 0},
+        {"no bits", imaging::kFourCcGrey8, 0, 320, 240, 0},
         {"grey", imaging::kFourCcGrey8, 8, 320, 240, imaging::kFourCcGrey8},
         {"grey with negative height", imaging::kFourCcGrey8, 8, 320, -240, imaging::kFourCcGrey8},
         {"mosaic", imaging::kFourCcBayer8, 8, 320, 240, imaging::kFourCcGrey8},

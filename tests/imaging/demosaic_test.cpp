@@ -142,15 +142,15 @@ TEST_P(DemosaicModes, EverySetEqualsTheModelOfItsArithmetic) {
             for (bool topDown : {false, true}) {
                 const std::uint32_t height = 2 + ++seed % 5;
                 const Settings &settings = kSettings[(seed + seed / 8) % std::size(kSettings)];
-                FrameBuffer source(mosaic.fourcc, width, height, 1, 0, seed % 17);
-                FillWithNoise(source.Bytes(), seed);
+                SourceBuffer source(mosaic.fourcc, width, height, 0, seed % 17);
+                source.Fill(static_cast<Noise>(seed % 3), seed);
                 for (std::size_t s = 0; s < std::size(kSets); ++s) {
                     if (!Runs(kSets[s]))
                         continue;
                     FrameBuffer output(pixelBytes == 3 ? kFourCcRgb24 : kFourCcRgb32, width, height, pixelBytes,
                                        seed / 8 % 4 * 7, seed % 13);
                     Convert(kSets[s], mode, topDown, source, output, settings);
-                    ASSERT_TRUE(output.CanariesAlive()) << kSets[s].name << " width " << width;
+                    ASSERT_TRUE(output.CanariesAlive() && source.Unchanged()) << kSets[s].name << " width " << width;
                     const Model model(source, mosaic.cells, mode, settings, kSets[s].vector);
                     const Model reference(source, mosaic.cells, mode, settings, false);
                     for (std::uint32_t y = 0; y < height; ++y) {
@@ -172,11 +172,8 @@ TEST_P(DemosaicModes, EverySetEqualsTheModelOfItsArithmetic) {
             }
         }
     }
-    for (std::size_t s = 1; s < std::size(kSets); ++s) {
-        std::printf("mode %u, %s: differs from scalar by %d at most\n", mode, kSets[s].name, largest[s]);
-        RecordProperty(s == 1 ? "LargestDifferenceSse2" : "LargestDifferenceSse41", largest[s]);
-    }
-    EXPECT_EQ(largest[0], 0);
+    for (std::size_t s = 1; s < std::size(kSets); ++s)
+        EXPECT_LE(largest[s], (mode & kModeMatrix) != 0 ? 2 : 1) << kSets[s].name;
 }
 
 INSTANTIATE_TEST_SUITE_P(All, DemosaicModes, testing::Range(0u, kModes));
@@ -203,7 +200,7 @@ TEST(Demosaic, KnownPixels) {
         for (const KernelSet &set : kSets) {
             if (!Runs(set))
                 continue;
-            FrameBuffer source(kFourCcBayerBg, 40, 4, 1);
+            SourceBuffer source(kFourCcBayerBg, 40, 4);
             for (std::uint32_t i = 0; i < 160; ++i)
                 source.image.data[i] = (i / 40 + i) % 2 == 0 ? c.colour : c.green;
             const std::uint32_t pixelBytes = (c.mode & kModeRgb24) != 0 ? 3 : 4;
@@ -219,34 +216,48 @@ TEST(Demosaic, KnownPixels) {
     }
 }
 
+TEST(Demosaic, UnknownMosaicsAreGreenBlue) {
+    for (std::uint32_t fourcc : {0u, kFourCcBayer8, kFourCcGrey8, FourCc("B1XX")})
+        EXPECT_EQ(PhaseOfFourCc(fourcc), BayerPhase::kGreenBlue);
+}
+
 TEST(Demosaic, ChoosesTheKernelOncePerFrame) {
     struct Case {
         std::uint32_t features, options;
         std::uint32_t fourcc;
-        std::uint8_t gain;
+        std::uint8_t blue, green, red;
         const RowKernel *set;
         std::uint32_t mode;
     };
     constexpr std::uint32_t kLevel7 = 320; // neither of the two bits that are looked at
     const Case cases[] = {
-        {127, 7, kFourCcRgb24, 65, kSse41RowKernels, 15}, {96, 0, kFourCcRgb32, 64, kSse41RowKernels, 0},
-        {31, 5, kFourCcRgb32, 1, kSse2RowKernels, 5},     {7, 2, kFourCcRgb24, 0, kSse2RowKernels, 10},
-        {3, 7, kFourCcRgb24, 64, kScalarRowKernels, 13},  {kLevel7, 2, kFourCcRgb32, 64, kScalarRowKernels, 0},
+        {127, 7, kFourCcRgb24, 64, 65, 64, kSse41RowKernels, 15},
+        {96, 0, kFourCcRgb32, 64, 64, 64, kSse41RowKernels, 0},
+        {31, 5, kFourCcRgb32, 11, 12, 13, kSse2RowKernels, 5},
+        {7, 2, kFourCcRgb24, 255, 0, 1, kSse2RowKernels, 10},
+        {3, 7, kFourCcRgb24, 64, 64, 64, kScalarRowKernels, 13},
+        {kLevel7, 2, kFourCcRgb32, 64, 64, 64, kScalarRowKernels, 0},
     };
     for (const Case &c : cases) {
         KernelTables tables{};
         DemosaicParameters parameters{
-            .options = c.options, .features = c.features, .redGain = 64, .blueGain = 64, .greenGain = c.gain};
+            .options = c.options, .features = c.features, .redGain = c.red, .blueGain = c.blue, .greenGain = c.green};
         for (std::int16_t k = 0; k < 9; ++k)
             parameters.matrix[k] = static_cast<std::int16_t>(k - 4);
         const ImageDescriptor destination{.fourcc = c.fourcc};
         EXPECT_EQ(SelectRowKernel(destination, parameters, tables), c.set[c.mode]);
         EXPECT_EQ(tables.mode, c.mode);
-        // Row 0 of the gains is a blue-green row.
-        EXPECT_EQ(tables.gains[0][6], 64);
-        EXPECT_EQ(tables.gains[0][7], (c.mode & kModeGains) != 0 ? c.gain : 64);
-        EXPECT_EQ(tables.gains[2][0], tables.gains[0][1]);
-        EXPECT_EQ(static_cast<std::int16_t>(tables.matrix[8][3]), (c.mode & kModeMatrix) != 0 ? 4 : 0);
+        const bool gains = (c.mode & kModeGains) != 0;
+        const int blue = gains ? c.blue : 64, green = gains ? c.green : 64, red = gains ? c.red : 64;
+        for (std::uint32_t lane = 0; lane < 8; ++lane) {
+            const bool odd = lane % 2 != 0;
+            EXPECT_EQ(tables.gains[0][lane], odd ? green : blue);
+            EXPECT_EQ(tables.gains[1][lane], odd ? blue : green);
+            EXPECT_EQ(tables.gains[2][lane], odd ? red : green);
+            EXPECT_EQ(tables.gains[3][lane], odd ? green : red);
+            for (int k = 0; k < 9; ++k)
+                EXPECT_EQ(static_cast<std::int16_t>(tables.matrix[k][lane]), (c.mode & kModeMatrix) != 0 ? k - 4 : 0);
+        }
     }
 }
 
@@ -264,12 +275,13 @@ TEST(Demosaic, LeavesAloneWhatItCannotConvertInsideTheBuffers) {
         {"stride too large", 64, 4, 4, 193},
     };
     for (const Case &c : kCases) {
-        FrameBuffer source(kFourCcBayerBg, c.width, c.sourceRows, 1);
+        SourceBuffer source(kFourCcBayerBg, c.width, c.sourceRows);
         FrameBuffer output(kFourCcRgb24, c.width, 4, 3);
         output.image.height = c.height;
         output.image.stride = c.stride;
         for (const KernelSet &set : kSets)
             Convert(set, kModeRgb24, false, source, output, kSettings[0]);
         EXPECT_TRUE(std::ranges::all_of(output.Bytes(), [](std::uint8_t byte) { return byte == kCanary; })) << c.what;
+        EXPECT_TRUE(output.CanariesAlive()) << c.what;
     }
 }

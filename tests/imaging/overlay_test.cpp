@@ -121,10 +121,26 @@ TEST(OverlayText, LongLinesInMacroPixelsStayInTheFrame) {
         FrameBuffer frame(fourcc, 40, 12, 2);
         frame.image.height = 10;
         Draw(frame, {25, 0}, "0123456789");
+        EXPECT_TRUE(frame.CanariesAlive());
         // Fifteen pixels from byte 100 on: up to byte 132 of a row of 80, and none of them behind row 9.
         EXPECT_NE(frame.Row(2)[40], kCanary);
         EXPECT_EQ(frame.Row(2)[52], kCanary);
         EXPECT_EQ(std::count(frame.Row(10), frame.Row(12), kCanary), 160);
+    }
+}
+
+// Rows shorter than the pixels of the format make them: the box ends with the row, whatever the width says.
+TEST(OverlayText, StaysInRowsThatAreTooShortForTheirFormat) {
+    for (const char *format : {"RGB4", "RGB3", "YUY2", "UYVY", "Y800"}) {
+        for (std::uint32_t stride : {0u, 1u, 11u}) {
+            for (bool negative : {false, true}) {
+                char code[5] = {format[0], format[1], format[2], format[3], 0};
+                FrameBuffer frame(FourCc(code), stride, 12, 1);
+                frame.image.width = 88;
+                Draw(frame, {2, 1}, "0123456", negative);
+                EXPECT_TRUE(frame.CanariesAlive()) << format << " " << stride;
+            }
+        }
     }
 }
 
