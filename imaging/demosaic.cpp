@@ -76,7 +76,7 @@ void DemosaicFrame(const ImageDescriptor &destination, const FrameRows &rows, Ba
         row.destination += last * step;
         step = -step;
     }
-    for (std::uint32_t r = rows.firstIndex; r < last; ++r) {
+    for (std::uint32_t r = 0; r < last; ++r) {
         kernel(tables, row, r % 2 == 0 ? firstPhase : PartnerPhase(firstPhase));
         row.above = row.current;
         row.current = row.below;
@@ -112,7 +112,6 @@ void DemosaicToRgb(const ImageDescriptor &destination, const ImageDescriptor &so
     const FrameRows rows{.mirrorAbove = source.data + width,
                          .first = source.data,
                          .mirrorBelow = source.data + static_cast<std::size_t>(height - 2) * width,
-                         .firstIndex = 0,
                          .count = height,
                          .width = width};
     DemosaicFrame(destination, rows, PhaseOfFourCc(source.fourcc), (flags & kOrientation) != 0, tables, kernel);

@@ -43,10 +43,11 @@ constexpr std::uint32_t BytesPerPixel(std::uint32_t mode) {
     return (mode & kModeRgb24) != 0 ? 3 : 4;
 }
 
-// Coefficients as the vector kernels load them: each row one vector of eight lanes.
+// Coefficients in rows of eight equal lanes, which vector kernels load as they are; of the gains they read lanes 0
+// and 1.
 struct alignas(16) KernelTables {
     std::uint16_t matrix[kMatrixCoefficients][8]; // coefficient k in all lanes of row k; zero without kModeMatrix
-    std::uint16_t gains[kPhases][8];              // by phase: the gain of the colour at the lane's column parity
+    std::uint16_t gains[kPhases][8];              // by phase: even lanes the even columns' colour, odd the odd ones'
     std::uint32_t mode;
 };
 
@@ -84,7 +85,6 @@ struct FrameRows {
     const std::uint8_t *mirrorAbove; // stands in for the row above the first
     const std::uint8_t *first;
     const std::uint8_t *mirrorBelow; // stands in for the row below the last
-    std::uint32_t firstIndex;
     std::uint32_t count;
     std::uint32_t width;
 };

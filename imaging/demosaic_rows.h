@@ -5,16 +5,12 @@
 // pixel and the green pixel right of it, and keeps colour columns and green columns in vectors of their own, so that no
 // lane works for nothing. Rows that start with green begin at column 1.
 //
-// The arithmetic is that of the reference but for rounding:
-// - two-value means round halves up; a four-value mean is the mean of two such means: at a colour pixel those of
-// (above,
-//   below) and of (left, right), over the diagonals those of (upper left, lower left) and of (upper right, lower
-//   right);
-// - smoothed green is the mean of the pixel and of the mean over its diagonals;
-// - the colour matrix has 16-bit products, saturating sums and an arithmetic shift. The row's own colour is added last:
-// a
-//   matrix that corrects colours takes away with the other two what its diagonal adds, and only sums of the same sign
-//   saturate early.
+// The arithmetic is that of the reference but for rounding. A mean of two values rounds halves up. A mean of four is
+// the mean of two such means: at a colour pixel of (above, below) and (left, right), over the diagonals of (upper left,
+// lower left) and (upper right, lower right). Smoothed green is the mean of the pixel and of the mean over its
+// diagonals. The colour matrix has 16-bit products, saturating sums and an arithmetic shift; the row's own colour is
+// added last, since a matrix that corrects colours takes away with the other two what its diagonal adds, and only sums
+// of the same sign saturate early.
 #pragma once
 
 #include "imaging/demosaic.h"
@@ -23,6 +19,8 @@ namespace imaging {
 
 template <class V, std::uint32_t kMode, BayerPhase kPhase> class DemosaicRows {
   public:
+    // Not inlined: the four phases of a mode would become one function, too large for the registers and with all their
+    // buffers on the stack at once.
     [[gnu::noinline]] static void Convert(const KernelTables &tables, const RowContext &row) {
         if (row.width < kMinimumWidth)
             ConvertNarrow(tables, row);
@@ -39,6 +37,7 @@ template <class V, std::uint32_t kMode, BayerPhase kPhase> class DemosaicRows {
     static constexpr std::uint32_t kFirstColumn = StartsWithGreen(kPhase) ? 1 : 0;
     // A step, and on both sides of it the green column that repeats its neighbour.
     static constexpr std::uint32_t kMinimumWidth = kStep + 2 * kFirstColumn;
+    static constexpr std::uint32_t kCopyBytes = kStep + 2; // holds the longest row that is copied, and a step's end
     static constexpr std::uint32_t kPixelBytes = BytesPerPixel(kMode);
     static constexpr std::uint32_t kThreshold = 6; // largest step between diagonals that smoothing crosses
 
@@ -69,7 +68,7 @@ template <class V, std::uint32_t kMode, BayerPhase kPhase> class DemosaicRows {
 
     [[gnu::always_inline]] void ConvertWide(const RowContext &row) const {
         const std::uint32_t last = row.width - kFirstColumn - kStep;
-        std::uint8_t ends[3][kStep + 16];
+        std::uint8_t ends[3][kCopyBytes];
         Block before = BlockBefore(row, kFirstColumn);
         for (std::uint32_t x = kFirstColumn;; x += kStep) {
             const bool end = x >= last;
@@ -98,7 +97,7 @@ template <class V, std::uint32_t kMode, BayerPhase kPhase> class DemosaicRows {
     // A step looks at the column right of it. Where that is beyond the row it gets a copy: the column matters only to
     // the last pixel, which is going to repeat its neighbour.
     [[gnu::always_inline]] static const std::uint8_t *EndOfRow(const std::uint8_t *from,
-                                                               std::uint8_t (&copy)[kStep + 16]) {
+                                                               std::uint8_t (&copy)[kCopyBytes]) {
         if (kFirstColumn != 0)
             return from;
         V::Store(copy, V::Load(from));
@@ -184,16 +183,16 @@ template <class V, std::uint32_t kMode, BayerPhase kPhase> class DemosaicRows {
             V::StoreRgb32(destination, first, second);
     }
 
-    // A row too short for a step is converted in a copy that is long enough; this recurs once.
+    // A row too short for a step is converted in a copy that is long enough; this recurs once. Not inlined: the buffers
+    // are no part of the ordinary rows' stack frame.
     [[gnu::noinline]] static void ConvertNarrow(const KernelTables &tables, const RowContext &row) {
-        std::uint8_t copies[3][kStep + 16] = {};
+        std::uint8_t copies[3][kCopyBytes] = {};
         std::uint8_t pixels[kMinimumWidth * kPixelBytes];
         __builtin_memcpy(copies[0], row.above, row.width);
         __builtin_memcpy(copies[1], row.current, row.width);
         __builtin_memcpy(copies[2], row.below, row.width);
         Convert(tables, {copies[0], copies[1], copies[2], pixels, kMinimumWidth});
-        __builtin_memcpy(row.destination + kFirstColumn * kPixelBytes, pixels + kFirstColumn * kPixelBytes,
-                         (row.width - kFirstColumn) * kPixelBytes);
+        __builtin_memcpy(row.destination, pixels, row.width * kPixelBytes);
     }
 
     static void RepeatEdges(const RowContext &row) {

@@ -32,7 +32,7 @@ std::uint32_t Distance(std::uint32_t a, std::uint32_t b) {
     return a > b ? a - b : b - a;
 }
 
-template <std::uint32_t kMode> std::uint32_t Sample(std::uint8_t sample, std::uint32_t gain) {
+template <std::uint32_t kMode> std::uint32_t Amplify(std::uint8_t sample, std::uint32_t gain) {
     if constexpr ((kMode & kModeGains) != 0) {
         const std::uint32_t product = sample * gain >> 6;
         return product > 255 ? 255 : product;
@@ -41,16 +41,16 @@ template <std::uint32_t kMode> std::uint32_t Sample(std::uint8_t sample, std::ui
 }
 
 template <std::uint32_t kMode>
-Neighbourhood Sample(const RowContext &row, std::uint32_t x, const NeighbourhoodGains &gains) {
-    return {.upperLeft = Sample<kMode>(row.above[x - 1], gains.corner),
-            .up = Sample<kMode>(row.above[x], gains.above),
-            .upperRight = Sample<kMode>(row.above[x + 1], gains.corner),
-            .left = Sample<kMode>(row.current[x - 1], gains.beside),
-            .middle = Sample<kMode>(row.current[x], gains.middle),
-            .right = Sample<kMode>(row.current[x + 1], gains.beside),
-            .lowerLeft = Sample<kMode>(row.below[x - 1], gains.corner),
-            .down = Sample<kMode>(row.below[x], gains.above),
-            .lowerRight = Sample<kMode>(row.below[x + 1], gains.corner)};
+Neighbourhood Around(const RowContext &row, std::uint32_t x, const NeighbourhoodGains &gains) {
+    return {.upperLeft = Amplify<kMode>(row.above[x - 1], gains.corner),
+            .up = Amplify<kMode>(row.above[x], gains.above),
+            .upperRight = Amplify<kMode>(row.above[x + 1], gains.corner),
+            .left = Amplify<kMode>(row.current[x - 1], gains.beside),
+            .middle = Amplify<kMode>(row.current[x], gains.middle),
+            .right = Amplify<kMode>(row.current[x + 1], gains.beside),
+            .lowerLeft = Amplify<kMode>(row.below[x - 1], gains.corner),
+            .down = Amplify<kMode>(row.below[x], gains.above),
+            .lowerRight = Amplify<kMode>(row.below[x + 1], gains.corner)};
 }
 
 // A pixel by its row's own colour and the other one, whichever is blue.
@@ -119,9 +119,9 @@ template <std::uint32_t kMode, BayerPhase kPhase> void ConvertRow(const KernelTa
     const auto at = [&](std::uint32_t x) {
         if (x % 2 == kGreenParity)
             return AtGreen<kMode, kPhase>(
-                Sample<kMode>(row, x, {.middle = green, .beside = own, .above = other, .corner = green}));
+                Around<kMode>(row, x, {.middle = green, .beside = own, .above = other, .corner = green}));
         return AtColour<kPhase>(
-            Sample<kMode>(row, x, {.middle = own, .beside = green, .above = green, .corner = other}));
+            Around<kMode>(row, x, {.middle = own, .beside = green, .above = green, .corner = other}));
     };
 
     const Pixel second = at(1);
@@ -135,22 +135,27 @@ template <std::uint32_t kMode, BayerPhase kPhase> void ConvertRow(const KernelTa
     const Pixel lastButOne = at(x);
     Store<kMode>(row.destination, x, lastButOne);
     Store<kMode>(row.destination, x + 1, lastButOne);
-
-    if constexpr ((kMode & kModeMatrix) != 0)
-        ApplyMatrix<kMode>(tables, row);
 }
 
+// The matrix is a second pass over the row, so that modes with and without it share their interpolation.
 template <std::uint32_t kMode> void ScalarRow(const KernelTables &tables, const RowContext &row, BayerPhase phase) {
+    constexpr std::uint32_t kInterpolation = kMode & ~kModeMatrix;
     switch (phase) {
     case BayerPhase::kBlueGreen:
-        return ConvertRow<kMode, BayerPhase::kBlueGreen>(tables, row);
+        ConvertRow<kInterpolation, BayerPhase::kBlueGreen>(tables, row);
+        break;
     case BayerPhase::kGreenBlue:
-        return ConvertRow<kMode, BayerPhase::kGreenBlue>(tables, row);
+        ConvertRow<kInterpolation, BayerPhase::kGreenBlue>(tables, row);
+        break;
     case BayerPhase::kGreenRed:
-        return ConvertRow<kMode, BayerPhase::kGreenRed>(tables, row);
+        ConvertRow<kInterpolation, BayerPhase::kGreenRed>(tables, row);
+        break;
     case BayerPhase::kRedGreen:
-        return ConvertRow<kMode, BayerPhase::kRedGreen>(tables, row);
+        ConvertRow<kInterpolation, BayerPhase::kRedGreen>(tables, row);
+        break;
     }
+    if constexpr ((kMode & kModeMatrix) != 0)
+        ApplyMatrix<kMode>(tables, row);
 }
 
 } // namespace

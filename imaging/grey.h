@@ -1,9 +1,10 @@
 // Grey images to "Y800" and "RGB3", scalar and in vectors.
 //
-// Smoothing is a 2 x 2 mean of each pixel with its right and upper neighbours: it removes the pattern of a colour
+// Smoothing is the mean of a pixel and its neighbours above, right and above right: it removes the pattern of a colour
 // filter from a mosaic read as grey, at the price of half a pixel's shift. The first row is not smoothed, the last
-// column neither. The vector forms round each of the two halves of the mean up; they work on the first `width` - 16
-// columns rounded up to a multiple of 16 and leave the rest of a row to the scalar formula.
+// column neither. The scalar formula rounds down. The vector forms take the mean of two means and round each of the
+// three up; they work on whole vectors as long as a column is left behind them, and leave the rest of a row, 1 to 16
+// columns, to the scalar formula.
 #pragma once
 
 #include "imaging/image.h"
@@ -12,7 +13,7 @@
 
 namespace imaging {
 
-// Two buffers of the same size. A negative step writes bottom-up.
+// Rows of `width` pixels in two buffers. A negative step writes bottom-up.
 struct GreyRows {
     std::uint32_t width;  // pixels
     std::uint32_t height; // rows

@@ -7,7 +7,7 @@ namespace imaging {
 
 inline constexpr std::uint32_t kGreyStep = 16; // pixels a vector
 
-// Where the pixels of a row go. The set's StoreTripled writes 16 bytes three times each.
+// Where the pixels of a row go: one byte each.
 template <class V, bool kAligned> struct GreyOutput {
     static void Put(std::uint8_t *row, std::size_t x, std::uint8_t value) { row[x] = value; }
     template <class Vector> static void PutVector(std::uint8_t *row, std::size_t x, Vector values) {
@@ -18,6 +18,7 @@ template <class V, bool kAligned> struct GreyOutput {
     }
 };
 
+// Three equal bytes each; StoreTripled is the instruction set's own.
 template <class V> struct Rgb24Output {
     static void Put(std::uint8_t *row, std::size_t x, std::uint8_t value) {
         row[3 * x] = value;

@@ -1,5 +1,6 @@
-// The vector operations that SSE2 already has. `Set` only gives every instruction set its own copies, so that the
-// linker can never put code compiled for one in the place of another's.
+// The vector operations that SSE2 already has. `Set` is the instruction set's class, which derives from this and adds
+// the others. As a parameter it also gives every set its own copies, so that the linker can never put code compiled for
+// one in the place of another's.
 #pragma once
 
 #include <cstddef>
@@ -67,14 +68,14 @@ template <class Set> struct CommonVector {
             weigh(_mm_unpackhi_epi8(a, zero), _mm_unpackhi_epi8(b, zero), _mm_unpackhi_epi8(own, zero)));
     }
 
-    // Writes 16 pixel pairs of four bytes a pixel, the fourth byte zero. Each argument holds one component of the first
-    // or the second pixels.
+    // Sixteen pixels, a vector for each component.
     struct Pixels {
         Vector blue;
         Vector green;
         Vector red;
     };
 
+    // Writes 16 pairs of a first and a second pixel, four bytes a pixel, the fourth of them zero.
     IMAGING_INLINE void StoreRgb32(std::uint8_t *to, const Pixels &first, const Pixels &second) {
         const Vector zero = _mm_setzero_si128();
         StoreRgb32Half(to, _mm_unpacklo_epi8(first.blue, second.blue), _mm_unpacklo_epi8(first.green, second.green),
@@ -83,7 +84,7 @@ template <class Set> struct CommonVector {
                        _mm_unpackhi_epi8(first.green, second.green), _mm_unpackhi_epi8(first.red, second.red), zero);
     }
 
-    // Writes 16 pixel pairs of three bytes a pixel. A pair is three words: blue and green of the first pixel, its red
+    // The same with three bytes a pixel. A pair is three words: blue and green of the first pixel, its red
     // with the second's blue, green and red of the second.
     IMAGING_INLINE void StoreRgb24(std::uint8_t *to, const Pixels &first, const Pixels &second) {
         Set::StoreTriples(to, _mm_unpacklo_epi8(first.blue, first.green), _mm_unpacklo_epi8(first.red, second.blue),
