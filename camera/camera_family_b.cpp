@@ -25,10 +25,12 @@ NTSTATUS CameraFamilyB::FinishFormats() {
     return AddConvertedFormats(description_.colour);
 }
 
-// A colour camera of this family always applies its gains.
+// A colour camera of this family applies its gains even where they are switched off.
 void CameraFamilyB::ConvertFrame(imaging::ImageDescriptor &destination, imaging::ImageDescriptor &source, ULONG flags) {
-    if (description_.colour)
+    if (description_.colour) {
         LabelSource(destination, description_.pattern, source);
+        flags |= imaging::kApplyGains;
+    }
     ConvertImage(destination, source, description_.colour, correction_, flags);
 }
 

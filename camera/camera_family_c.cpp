@@ -7,10 +7,6 @@ namespace uvc {
 
 namespace {
 
-// The automatics judge a frame only when the settings they sent after the last one show in it: sensor latency, two
-// frames waiting for the worker and the work item make more than three frames.
-constexpr ULONG kStatisticsInterval = 4;
-
 // The firmware negotiates one interval for all; the rate is set by vendor command.
 constexpr ULONG kNegotiatedInterval = 333333;
 
@@ -136,6 +132,7 @@ NTSTATUS CameraFamilyC::CreateControls() {
 }
 
 NTSTATUS CameraFamilyC::CreateWorker() {
+    workItems_.device = workItemDevice;
     WorkItemOpen(workItems_);
     return UvcCamera::CreateWorker();
 }
@@ -188,7 +185,7 @@ void CameraFamilyC::ConvertFrame(imaging::ImageDescriptor &destination, imaging:
         LabelSource(destination, description_.pattern, source);
 
     ++framesSinceStatistics_;
-    bool statistics = framesSinceStatistics_ >= kStatisticsInterval;
+    bool statistics = framesSinceStatistics_ >= statisticsInterval_;
     ProcessRawFrame(source, statistics);
     if (statistics)
         framesSinceStatistics_ = 0;

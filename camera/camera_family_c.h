@@ -46,8 +46,8 @@ class CameraFamilyC : public UvcCamera {
     virtual NTSTATUS ApplyStreamingMode();
     // 29: the intervals at a format's width, STATUS_NOT_IMPLEMENTED when the sensor has no list.
     virtual NTSTATUS GetFrameIntervals(const KS_VIDEOINFOHEADER &format, FrameIntervalList &list);
-    // 30: sees every raw image before it is converted; `statistics` once every few frames. On the worker thread.
-    // Lock: none.
+    // 30: sees every raw image before it is converted; `statistics` in one of every statisticsInterval_ frames. On the
+    // worker thread. Lock: none.
     virtual void ProcessRawFrame(imaging::ImageDescriptor &source, bool statistics);
 
   protected:
@@ -59,6 +59,9 @@ class CameraFamilyC : public UvcCamera {
     ULONG CapabilityBit() const { return description_.colour ? 1 : 0; }
 
     ULONG streamingMode_ = 0;
+    // In frames; 0 or 1 is every frame. The automatics judge a frame only when the settings they sent after the last
+    // one show in it: sensor latency, two frames waiting for the worker and the work item make more than three frames.
+    ULONG statisticsInterval_ = 4;
 
   private:
     NTSTATUS SendFrameRate(const KS_VIDEOINFOHEADER &format);

@@ -28,8 +28,9 @@ inline constexpr ULONG kColourSampleBytes = 12288;
 // For an output of raw bytes it is named grey, since nobody will look at its colours.
 void LabelSource(const imaging::ImageDescriptor &destination, ULONG pattern, imaging::ImageDescriptor &source);
 
-// Converts with the enabled corrections; the matrix counts only for colour images. IRQL: PASSIVE_LEVEL. Lock: none.
-void ConvertImage(imaging::ImageDescriptor &destination, imaging::ImageDescriptor &source, bool colour,
+// Converts with the enabled corrections; matrix and gains count only for colour images. IRQL: PASSIVE_LEVEL. Lock:
+// none. `flags` may ask for vector sets that the processor does not have; those are not used.
+void ConvertImage(const imaging::ImageDescriptor &destination, const imaging::ImageDescriptor &source, bool colour,
                   const ColourCorrection &correction, ULONG flags);
 
 } // namespace uvc

@@ -183,10 +183,10 @@ TEST(CameraFormats, UnusualDescriptors) {
          {"H264/0 640x480 1.1 333333-333333", "H264/0 320x240 1.2 333333-333333"}},
         {"raw frame-based frames have 8 bits",
          0x8206,
-         Format(1, true, "BY8 ", 16) + Frame(1, 640, 480, 1, {333333}, true),
+         Format(1, true, "Y800", 16) + Frame(1, 640, 480, 1, {333333}, true),
          kColourDescription,
-         {"BY8 /8 640x480 1.1 333333-333333", "RGB32/32 640x480 1.1 333333-333333",
-          "RGB24/24 640x480 1.1 333333-333333", "Y800/8 640x480 1.1 333333-333333"}},
+         {"Y800/8 640x480 1.1 333333-333333", "RGB32/32 640x480 1.1 333333-333333",
+          "RGB24/24 640x480 1.1 333333-333333", "BY8 /8 640x480 1.1 333333-333333"}},
         {"the same output is offered once",
          0x8102,
          Format(1, false, "BY8 ", 8) + Frame(1, 640, 480, 1, {333333}) + Format(2, false, "Y800", 8) +
