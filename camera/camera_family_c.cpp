@@ -2,6 +2,7 @@
 
 #include "camera/descriptor_parser.h"
 #include "camera/parameter.h"
+#include "platform/shared_field.h"
 
 namespace uvc {
 
@@ -61,10 +62,10 @@ NTSTATUS CameraFamilyC::SetParameter(ULONG id, ULONG value) {
     case kStreamingModeParameter:
         if (!description_.colour)
             return STATUS_NOT_IMPLEMENTED;
-        streamingMode_ = value;
+        SharedStore(streamingMode_, value); // a stream may just be starting
         return STATUS_SUCCESS;
     case kFamilySwitchParameter:
-        familySwitch_ = value != 0;
+        SharedStore(familySwitch_, value != 0);
         return STATUS_SUCCESS;
     default:
         return UvcCamera::SetParameter(id, value);
@@ -105,10 +106,10 @@ NTSTATUS CameraFamilyC::GetParameter(ULONG id, ULONG &value) {
     case kStreamingModeParameter:
         if (!description_.colour)
             return STATUS_NOT_IMPLEMENTED;
-        value = streamingMode_;
+        value = SharedLoad(streamingMode_);
         return STATUS_SUCCESS;
     case kFamilySwitchParameter:
-        value = familySwitch_;
+        value = SharedLoad(familySwitch_);
         return STATUS_SUCCESS;
     default:
         return UvcCamera::GetParameter(id, value);

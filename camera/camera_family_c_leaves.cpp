@@ -1,5 +1,6 @@
 #include "camera/camera_family_c_leaves.h"
 
+#include "platform/shared_field.h"
 #include "usb/uvc_request.h"
 
 #include <iterator>
@@ -80,7 +81,7 @@ NTSTATUS CameraFamilyC3::AddOtherFrame(const UCHAR *formatDescriptor, const UCHA
 }
 
 NTSTATUS CameraFamilyC3::ApplyStreamingMode() {
-    return SendStreamingMode(kModeFlags, 0, static_cast<USHORT>(streamingMode_));
+    return SendStreamingMode(kModeFlags, 0, static_cast<USHORT>(SharedLoad(streamingMode_)));
 }
 
 NTSTATUS CameraFamilyC3::GetFrameIntervals(const KS_VIDEOINFOHEADER &, FrameIntervalList &list) {
