@@ -94,7 +94,7 @@ class Assembly {
         if (stream.collecting)
             ready_ = NT_SUCCESS(uvc::FramePoolCreate(stream.pool, stream.sensor.bmiHeader.biSizeImage));
         ready_ = ready_ && NT_SUCCESS(camera_->CreateWorker());
-        engine_ = uvc::BulkEngineCreate(*camera_, nullptr, nullptr, uvc::OnBulkPayload, false);
+        engine_ = uvc::BulkEngineCreate(*camera_, nullptr, nullptr, nullptr, uvc::OnBulkPayload, false);
         for (std::size_t i = 0; i < kTransfers; ++i) {
             // No byte of it is the length of a payload header.
             bytes_[i].assign(setting.TransferBytes(), 0x55);
