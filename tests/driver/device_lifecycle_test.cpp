@@ -94,6 +94,23 @@ TEST(DeviceLifecycle, ARestartWithoutADescriptorKeepsTheCamera) {
     EXPECT_TRUE(FindRange(rig.app.Ranges(), FourCc("BY8 "), 640));
 }
 
+// A pin that stays open over a restart which fails finds no camera, and says so.
+TEST(DeviceLifecycle, AFailedRestartLeavesAnOpenPinWithoutCamera) {
+    Rig rig("sim:8201");
+    ASSERT_EQ(rig.started, STATUS_SUCCESS);
+    ASSERT_EQ(rig.app.OpenPin(rig.app.Ranges().front()), STATUS_SUCCESS);
+    host::FaultPlan plan;
+    plan.FailTransfer(5, host::TransferFault::Stall); // the camera says who it is, but not how it is configured
+    rig.computer.Machine().Arm(plan);
+    EXPECT_FALSE(NT_SUCCESS(rig.computer.Restart()));
+    EXPECT_EQ(rig.computer.Machine().Faults().FaultsDealt(), 1u);
+    rig.computer.Machine().Arm({});
+    EXPECT_FALSE(NT_SUCCESS(rig.app.pin.SetState(KSSTATE_RUN)));
+    static_cast<void>(rig.app.pin.SetFormat(rig.app.format));
+    rig.app.pin.Close();
+    rig.app.filter.Close();
+}
+
 // Unplugged with everything open and running: the application's frames come back, its calls fail, and closing works.
 TEST(DeviceLifecycle, SurvivesThePulledCable) {
     Rig rig("sim:8201");

@@ -144,6 +144,14 @@ TEST_F(PinFormatTest, ARunningStreamTakesNothingButAFlip) {
     EXPECT_EQ(rig.app.pin.SetFormat(BytesOf(slower)), STATUS_SUCCESS); // stopped, anything that fits
 }
 
+// Another application's pin has no say in which way up the running stream is.
+TEST_F(PinFormatTest, OnlyTheHolderTurnsTheStreamOver) {
+    ASSERT_EQ(rig.app.OpenPin(range), STATUS_SUCCESS);
+    ASSERT_EQ(rig.app.Run(), STATUS_SUCCESS);
+    EXPECT_EQ(OpenWith([](Format &format) { format.VideoInfoHeader.bmiHeader.biHeight *= -1; }), STATUS_SUCCESS);
+    EXPECT_EQ(rig.computer.Machine().DebugLog().find("Recognized flip"), std::string::npos);
+}
+
 // In a stream that converts, a flip turns the following images over.
 TEST(PinFormat, AFlipTurnsConvertedImagesOver) {
     Rig rig("sim:8201");
