@@ -7,8 +7,13 @@
 namespace host {
 
 void LockOrder::Check(const void *object, const char *kind, const char *routine) {
-    const Thread &thread = CurrentThread(routine);
+    Thread &thread = CurrentThread(routine);
     if (thread.lockOrder.empty())
+        return;
+    // Drivers nest the same pair over and over; the one that the thread has just been through costs no search.
+    const LockPair pair{thread.lockOrder.back().object, object, epoch_.load(std::memory_order_relaxed)};
+    const LockPair &known = thread.knownLockPair;
+    if (thread.lockOrder.size() == 1 && known.held == pair.held && known.taken == object && known.epoch == pair.epoch)
         return;
     const auto again = std::find_if(thread.lockOrder.begin(), thread.lockOrder.end(),
                                     [&](const HeldLock &held) { return held.object == object; });
@@ -24,6 +29,7 @@ void LockOrder::Check(const void *object, const char *kind, const char *routine)
                       Format("%s %p is taken while %s %p is held, and they are also taken the other way round", kind,
                              object, held.kind, held.object));
     }
+    thread.knownLockPair = pair;
 }
 
 bool LockOrder::Reaches(const void *from, const void *to, std::set<const void *> &seen) const {
@@ -53,6 +59,7 @@ void LockOrder::Forget(const void *begin, std::size_t size) {
     std::lock_guard lock(mutex_);
     if (takenUnder_.empty())
         return;
+    ++epoch_;
     takenUnder_.erase(takenUnder_.lower_bound(begin), takenUnder_.lower_bound(end));
     for (auto &[held, taken] : takenUnder_)
         taken.erase(taken.lower_bound(begin), taken.lower_bound(end));

@@ -2,7 +2,9 @@
 // hand did not: that is a violation.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <map>
 #include <mutex>
 #include <set>
@@ -14,6 +16,13 @@ namespace host {
 // per Acquire and makes no new edge. `kindName` is constant text.
 void LockOrderAcquire(const void *object, const char *kindName);
 void LockOrderRelease(const void *object);
+
+// One step of an order that was found good.
+struct LockPair {
+    const void *held = nullptr;
+    const void *taken = nullptr;
+    std::uint64_t epoch = 0;
+};
 
 class LockOrder {
   public:
@@ -28,6 +37,7 @@ class LockOrder {
   private:
     bool Reaches(const void *from, const void *to, std::set<const void *> &seen) const;
 
+    std::atomic<std::uint64_t> epoch_{1}; // rises whenever locks are forgotten
     std::mutex mutex_;
     std::map<const void *, std::set<const void *>> takenUnder_; // lock -> the locks taken while it was held
 };

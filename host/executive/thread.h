@@ -1,6 +1,7 @@
 // What stands behind a PKTHREAD.
 #pragma once
 
+#include "host/executive/lock_order.h"
 #include "host/executive/place.h"
 #include "host/executive/runtime.h"
 
@@ -49,6 +50,7 @@ struct Thread {
     // Its own alone.
     KIRQL irql = PASSIVE_LEVEL;
     std::vector<HeldLock> lockOrder;
+    LockPair knownLockPair; // the last pair that was checked
     GuardFrame *guard = nullptr;
     int ownPagedAccess = 0; // the runtime itself touches paged memory for the thread, see PagedAccess
     int serviceDepth = 0;   // Zw routines it is in
