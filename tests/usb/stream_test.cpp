@@ -1,3 +1,4 @@
+#include "platform/shared_field.h"
 #include "tests/usb/scripted_camera.h"
 #include "usb/stream.h"
 
@@ -183,7 +184,8 @@ TEST_F(StreamTest, PauseKeepsCountersAndPoolButNoPartialFrame) {
             SpinLockGuard guard(camera->stream.frameLock);
             return worker ? FramePoolIsFilling(camera->stream.pool) : camera->stream.currentFrame.frame != nullptr;
         };
-        while (!hasPartialFrame())
+        // The worker counts a frame only after the sink has it.
+        while (!hasPartialFrame() || SharedLoad(camera->stream.delivered) == 0)
             SleepMs(1);
         EXPECT_EQ(StreamPause(*camera, true), STATUS_SUCCESS);
         EXPECT_EQ(StreamPause(*camera, true), STATUS_SUCCESS);
