@@ -51,10 +51,13 @@ foreach(module IN ITEMS ntoskrnl hal ks usbd)
   list(APPEND import_libraries ${import_library})
 endforeach()
 
+# The input is named relative to its folder: llvm-rc takes an absolute path that begins like one of its options, as
+# /check/... begins with /c, for that option.
 set(version_resource ${PROJECT_BINARY_DIR}/version.res)
 add_custom_command(OUTPUT ${version_resource}
-  COMMAND ${UVC_LLVM_RC} /no-preprocess /fo ${version_resource} ${PROJECT_SOURCE_DIR}/platform/windows/version.rc
-  DEPENDS platform/windows/version.rc VERBATIM)
+  COMMAND ${UVC_LLVM_RC} /no-preprocess /fo ${version_resource} version.rc
+  WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}/platform/windows
+  DEPENDS ${PROJECT_SOURCE_DIR}/platform/windows/version.rc VERBATIM)
 
 # Linked under another name: uvc_drv.sys appears only when it has passed every check.
 set(package ${PROJECT_BINARY_DIR}/package)
