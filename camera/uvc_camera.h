@@ -2,6 +2,7 @@
 // override. This is also the one header through which usb/ sees the camera.
 #pragma once
 
+#include "camera/control.h"
 #include "camera/descriptor_block.h"
 #include "camera/frame_interval.h"
 #include "imaging/image.h"
@@ -12,9 +13,6 @@
 #include "usb/video_format.h"
 
 namespace uvc {
-
-class PropertyProvider;
-struct ControlItem;
 
 // Answer of GetCameraInfo: 424 bytes, three texts and ten numbers.
 struct CameraInfo {

@@ -1,0 +1,53 @@
+// The UVC controls that a camera's descriptors announce, with the attributes that the camera gave when it started.
+#pragma once
+
+#include "platform/platform.h"
+
+namespace uvc {
+
+class UvcCamera;
+
+inline constexpr ULONG kMaximumUvcControls = 49;
+
+// One control. Values are kept as they travel: up to 8 bytes, little-endian, of which `size` count. Everything but
+// `current` stays as it was at the start; `current` is shared between the threads that make requests.
+struct UvcControl {
+    ULONG kind;     // of the entity: kInputTerminal, kProcessingUnit or kExtensionUnit
+    ULONG selector; // UVC control selector
+    ULONG unitId;   // bTerminalID or bUnitID
+    UCHAR info;     // GET_INFO
+    ULONG size;     // in bytes
+    ULONGLONG current;
+    ULONGLONG minimum;
+    ULONGLONG maximum;
+    ULONGLONG defaultValue;
+    ULONGLONG resolution;
+    bool rangeValid; // GET_MIN or GET_MAX succeeded
+    bool defaultValid;
+    bool resolutionValid;
+};
+
+class UvcControlTable {
+  public:
+    // Asks the camera for every control that its camera terminal, processing unit and extension unit announce. A
+    // control that answers neither GET_INFO nor GET_CUR is left out. The table starts empty again.
+    // IRQL: PASSIVE_LEVEL.
+    void Build(UvcCamera &camera);
+
+    // Null when the camera does not have the control.
+    UvcControl *Find(ULONG kind, ULONG selector);
+
+  private:
+    ULONG count_ = 0;
+    UvcControl controls_[kMaximumUvcControls] = {};
+};
+
+// A value as a number: size 1 unsigned, size 2 signed, size 4 as 32 bits; any other size reads as 0.
+LONG UvcControlNumber(const UvcControl &control, ULONGLONG value);
+
+// GET_CUR into `current`, SET_CUR from `value`, which becomes `current` first, whatever the camera answers.
+// IRQL: PASSIVE_LEVEL.
+NTSTATUS UvcReadControl(UvcCamera &camera, UvcControl &control);
+NTSTATUS UvcWriteControl(UvcCamera &camera, UvcControl &control, ULONGLONG value);
+
+} // namespace uvc
