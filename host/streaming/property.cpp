@@ -13,13 +13,18 @@ namespace {
 constexpr SIZE_T kQuad = 8; // alignment of the property behind the data
 
 const KSPROPERTY_ITEM *FindItem(const PropertyTable &table, const KSPROPERTY_SET &set, ULONG id) {
-    const auto *first = reinterpret_cast<const UCHAR *>(set.PropertyItem);
     for (ULONG i = 0; i < set.PropertiesCount; ++i) {
-        const auto *item = reinterpret_cast<const KSPROPERTY_ITEM *>(first + static_cast<SIZE_T>(i) * table.itemSize);
-        if (item->PropertyId == id)
-            return item;
+        const KSPROPERTY_ITEM &item = ItemAt(table, set, i);
+        if (item.PropertyId == id)
+            return &item;
     }
     return nullptr;
+}
+
+// What a handler finds in the request besides its arguments.
+void RememberPlace(PIRP irp, const KSPROPERTY_SET &set, const KSPROPERTY_ITEM *item) {
+    KSPROPERTY_SET_IRP_STORAGE(irp) = &set;
+    KSPROPERTY_ITEM_IRP_STORAGE(irp) = item;
 }
 
 NTSTATUS CallHandler(const PropertyTable &table, PFNKSHANDLER handler, PIRP irp, KSPROPERTY &property, PVOID data) {
@@ -31,6 +36,121 @@ NTSTATUS CallHandler(const PropertyTable &table, PFNKSHANDLER handler, PIRP irp,
     if (NT_SUCCESS(status) && OutputLength(irp) != 0 && irp->IoStatus.Information > OutputLength(irp))
         Violation("KsCallbackReturn", "property handler", "more information than the output has room for");
     return status;
+}
+
+// A support handler's way to leave the request to the tables.
+bool LeavesToTables(NTSTATUS status) {
+    return status == STATUS_NOT_FOUND || status == STATUS_NOT_IMPLEMENTED || status == STATUS_SOME_NOT_MAPPED;
+}
+
+// A support handler comes first; false where there is none or it leaves the request to the tables.
+bool AskSupportHandler(const PropertyTable &table, const KSPROPERTY_ITEM &item, PIRP irp, KSPROPERTY &property,
+                       PVOID data, NTSTATUS &status) {
+    if (item.SupportHandler == nullptr)
+        return false;
+    status = CallHandler(table, item.SupportHandler, irp, property, data);
+    if (!LeavesToTables(status))
+        return true;
+    irp->IoStatus.Information = 0;
+    return false;
+}
+
+// The raw format is the handler's own; the tables know nothing of it.
+NTSTATUS SerializeRaw(const PropertyTable &table, const KSPROPERTY_ITEM &item, PIRP irp, KSPROPERTY &property,
+                      PVOID data) {
+    return item.SupportHandler == nullptr ? STATUS_NOT_FOUND
+                                          : CallHandler(table, item.SupportHandler, irp, property, data);
+}
+
+NTSTATUS AnswerItem(const PropertyTable &table, const KSPROPERTY_ITEM &item, PIRP irp, KSPROPERTY &property,
+                    PVOID data) {
+    NTSTATUS status;
+    switch (property.Flags) {
+    case KSPROPERTY_TYPE_GET:
+    case KSPROPERTY_TYPE_SET:
+        return GetOrSet(table, item, irp, property, data);
+    case KSPROPERTY_TYPE_BASICSUPPORT:
+        return AskSupportHandler(table, item, irp, property, data, status) ? status
+                                                                           : AnswerBasicSupport(irp, data, item);
+    case KSPROPERTY_TYPE_DEFAULTVALUES:
+        return AnswerDefaultValues(irp, data, item);
+    case KSPROPERTY_TYPE_RELATIONS:
+        return AnswerList(irp, data, item.Relations, item.RelationsCount, sizeof(KSPROPERTY));
+    case KSPROPERTY_TYPE_SERIALIZESIZE:
+        return AnswerBytes(irp, data, &item.SerializedSize, sizeof(item.SerializedSize));
+    case KSPROPERTY_TYPE_SERIALIZERAW:
+    case KSPROPERTY_TYPE_UNSERIALIZERAW:
+        return SerializeRaw(table, item, irp, property, data);
+    default:
+        return STATUS_INVALID_PARAMETER;
+    }
+}
+
+// The requests that concern a set as a whole, whatever their id; false for all others.
+bool AnswerSet(const PropertyTable &table, const KSPROPERTY_SET &set, PIRP irp, KSPROPERTY &property, PVOID data,
+               NTSTATUS &status) {
+    switch (property.Flags) {
+    case KSPROPERTY_TYPE_SETSUPPORT: {
+        const KSPROPERTY_ITEM *item = FindItem(table, set, property.Id);
+        RememberPlace(irp, set, item);
+        if (item == nullptr || !AskSupportHandler(table, *item, irp, property, data, status))
+            status = STATUS_SUCCESS;
+        return true;
+    }
+    case KSPROPERTY_TYPE_SERIALIZESET:
+        status = SerializeSet(table, set, irp, property, data);
+        return true;
+    case KSPROPERTY_TYPE_UNSERIALIZESET:
+        status = UnserializeSet(table, set, irp, property, data);
+        return true;
+    default:
+        return false;
+    }
+}
+
+NTSTATUS Search(std::span<const PropertyTable> tables, PIRP irp, KSPROPERTY &property, PVOID data) {
+    bool setFound = false;
+    for (const PropertyTable &table : tables) {
+        for (ULONG i = 0; i < table.count; ++i) {
+            const KSPROPERTY_SET &set = table.sets[i];
+            if (!SameGuid(*set.Set, property.Set))
+                continue;
+            setFound = true;
+            NTSTATUS status;
+            if (AnswerSet(table, set, irp, property, data, status))
+                return status;
+            if (const KSPROPERTY_ITEM *item = FindItem(table, set, property.Id)) {
+                RememberPlace(irp, set, item);
+                return AnswerItem(table, *item, irp, property, data);
+            }
+        }
+    }
+    return setFound ? STATUS_NOT_FOUND : STATUS_PROPSET_NOT_FOUND;
+}
+
+// What goes in with the data buffer, and what comes out of it.
+bool CarriesDataIn(ULONG flags) {
+    return flags == KSPROPERTY_TYPE_SET || flags == KSPROPERTY_TYPE_UNSERIALIZESET ||
+           flags == KSPROPERTY_TYPE_UNSERIALIZERAW;
+}
+
+struct CallerCopy {
+    PVOID to;
+    const void *from;
+    SIZE_T size;
+    PVOID caller; // the end that is the caller's
+    bool probe;
+};
+
+NTSTATUS RunCopy(CallerCopy copy, GuardedRoutine routine) {
+    return copy.size == 0 ? STATUS_SUCCESS : GuardedCall(routine, &copy);
+}
+
+} // namespace
+
+const KSPROPERTY_ITEM &ItemAt(const PropertyTable &table, const KSPROPERTY_SET &set, ULONG index) {
+    const auto *first = reinterpret_cast<const UCHAR *>(set.PropertyItem);
+    return *reinterpret_cast<const KSPROPERTY_ITEM *>(first + static_cast<SIZE_T>(index) * table.itemSize);
 }
 
 NTSTATUS GetOrSet(const PropertyTable &table, const KSPROPERTY_ITEM &item, PIRP irp, KSPROPERTY &property, PVOID data) {
@@ -48,65 +168,6 @@ NTSTATUS GetOrSet(const PropertyTable &table, const KSPROPERTY_ITEM &item, PIRP 
     }
     return CallHandler(table, handler, irp, property, data);
 }
-
-// A support handler comes first; where it knows nothing the tables answer.
-NTSTATUS BasicSupport(const PropertyTable &table, const KSPROPERTY_ITEM &item, PIRP irp, KSPROPERTY &property,
-                      PVOID data) {
-    if (item.SupportHandler != nullptr) {
-        NTSTATUS status = CallHandler(table, item.SupportHandler, irp, property, data);
-        if (status != STATUS_NOT_FOUND)
-            return status;
-    }
-    return AnswerBasicSupport(irp, data, item);
-}
-
-NTSTATUS AnswerItem(const PropertyTable &table, const KSPROPERTY_ITEM &item, PIRP irp, KSPROPERTY &property,
-                    PVOID data) {
-    switch (property.Flags) {
-    case KSPROPERTY_TYPE_GET:
-    case KSPROPERTY_TYPE_SET:
-        return GetOrSet(table, item, irp, property, data);
-    case KSPROPERTY_TYPE_BASICSUPPORT:
-        return BasicSupport(table, item, irp, property, data);
-    case KSPROPERTY_TYPE_DEFAULTVALUES:
-        return AnswerDefaultValues(irp, data, item);
-    case KSPROPERTY_TYPE_RELATIONS:
-        return AnswerList(irp, data, item.Relations, item.RelationsCount, sizeof(KSPROPERTY));
-    default:
-        return STATUS_INVALID_PARAMETER;
-    }
-}
-
-NTSTATUS Search(std::span<const PropertyTable> tables, PIRP irp, KSPROPERTY &property, PVOID data) {
-    bool setFound = false;
-    for (const PropertyTable &table : tables) {
-        for (ULONG i = 0; i < table.count; ++i) {
-            const KSPROPERTY_SET &set = table.sets[i];
-            if (!SameGuid(*set.Set, property.Set))
-                continue;
-            setFound = true;
-            if (property.Flags == KSPROPERTY_TYPE_SETSUPPORT)
-                return STATUS_SUCCESS;
-            if (const KSPROPERTY_ITEM *item = FindItem(table, set, property.Id))
-                return AnswerItem(table, *item, irp, property, data);
-        }
-    }
-    return setFound ? STATUS_NOT_FOUND : STATUS_PROPSET_NOT_FOUND;
-}
-
-struct CallerCopy {
-    PVOID to;
-    const void *from;
-    SIZE_T size;
-    PVOID caller; // the end that is the caller's
-    bool probe;
-};
-
-NTSTATUS RunCopy(CallerCopy copy, GuardedRoutine routine) {
-    return copy.size == 0 ? STATUS_SUCCESS : GuardedCall(routine, &copy);
-}
-
-} // namespace
 
 ULONG OutputLength(PIRP irp) {
     return IoGetCurrentIrpStackLocation(irp)->Parameters.DeviceIoControl.OutputBufferLength;
@@ -164,16 +225,16 @@ NTSTATUS AnswerProperty(PIRP irp, std::span<const PropertyTable> tables) {
         return STATUS_INSUFFICIENT_RESOURCES;
     auto &property = *reinterpret_cast<KSPROPERTY *>(buffer + dataSize);
     NTSTATUS status = CopyFromCaller(irp, &property, control.Type3InputBuffer, inputLength);
-    bool set = property.Flags == KSPROPERTY_TYPE_SET;
-    if (NT_SUCCESS(status) && set)
+    bool in = CarriesDataIn(property.Flags);
+    if (NT_SUCCESS(status) && in)
         status = CopyFromCaller(irp, buffer, irp->UserBuffer, outputLength);
     if (NT_SUCCESS(status)) {
         irp->AssociatedIrp.SystemBuffer = buffer;
         status = Search(tables, irp, property, outputLength == 0 ? nullptr : buffer);
         irp->AssociatedIrp.SystemBuffer = nullptr;
     }
-    // Warnings carry data, errors do not; a set carries nothing back.
-    if (!NT_ERROR(status) && !set) {
+    // Warnings carry data, errors do not; what went in does not come back.
+    if (!NT_ERROR(status) && !in) {
         SIZE_T answered = std::min<SIZE_T>(irp->IoStatus.Information, outputLength);
         NTSTATUS copied = CopyToCaller(irp, irp->UserBuffer, buffer, answered);
         if (!NT_SUCCESS(copied))

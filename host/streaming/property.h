@@ -25,6 +25,10 @@ template <SIZE_T N> PropertyTable OwnTable(const KSPROPERTY_SET (&sets)[N]) {
 // status, without completing the request. While a handler runs, the request's system buffer holds the captured bytes:
 // first the data, up to a multiple of 8, then the property. IRQL: PASSIVE_LEVEL.
 //
+// A support handler is asked first; STATUS_NOT_FOUND, STATUS_NOT_IMPLEMENTED and STATUS_SOME_NOT_MAPPED from it leave
+// the request to the tables. Support of a set is asked of the item whose id is given; without one the set's presence is
+// the answer.
+//
 // STATUS_PROPSET_NOT_FOUND   no table has the set
 // STATUS_NOT_FOUND           the set has no such id, or the item no handler for the request
 // STATUS_INVALID_BUFFER_SIZE the input is shorter than a KSPROPERTY or than MinProperty
@@ -33,7 +37,7 @@ template <SIZE_T N> PropertyTable OwnTable(const KSPROPERTY_SET (&sets)[N]) {
 // STATUS_INVALID_PARAMETER   the flags name no single request
 NTSTATUS AnswerProperty(PIRP irp, std::span<const PropertyTable> tables);
 
-// Output lengths of the request at hand, for handlers.
+// Lengths of the request at hand, for handlers.
 ULONG OutputLength(PIRP irp);
 ULONG InputLength(PIRP irp);
 
@@ -45,6 +49,19 @@ NTSTATUS AnswerBytes(PIRP irp, PVOID data, const void *bytes, SIZE_T size);
 // KSMULTIPLE_ITEM the head alone.
 NTSTATUS AnswerList(PIRP irp, PVOID data, const void *items, ULONG count, ULONG itemSize);
 NTSTATUS AnswerRanges(PIRP irp, PVOID data, const PKSDATARANGE *ranges, ULONG count);
+
+// The parts of AnswerProperty that serialization needs: the item at an index of the set's array, and a get or set of an
+// item with the checks that belong to it.
+const KSPROPERTY_ITEM &ItemAt(const PropertyTable &table, const KSPROPERTY_SET &set, ULONG index);
+NTSTATUS GetOrSet(const PropertyTable &table, const KSPROPERTY_ITEM &item, PIRP irp, KSPROPERTY &property, PVOID data);
+
+// All properties of the set that have a SerializedSize, got into or set from one buffer: a KSPROPERTY_SERIALHDR, then a
+// KSPROPERTY_SERIAL and the data of each, all at multiples of 4 (serialization.cpp). Each is a request of its own with
+// a plain KSPROPERTY and that many bytes of data; the first that fails ends it with its status.
+NTSTATUS SerializeSet(const PropertyTable &table, const KSPROPERTY_SET &set, PIRP irp, KSPROPERTY &property,
+                      PVOID data);
+NTSTATUS UnserializeSet(const PropertyTable &table, const KSPROPERTY_SET &set, PIRP irp, KSPROPERTY &property,
+                        PVOID data);
 
 // Basic support and default values of an item, from its handlers and its value table (basic_support.cpp).
 NTSTATUS AnswerBasicSupport(PIRP irp, PVOID data, const KSPROPERTY_ITEM &item);

@@ -207,6 +207,8 @@ NTSTATUS SetValue(PIRP, PKSIDENTIFIER, PVOID data) {
 }
 
 NTSTATUS Support(PIRP irp, PKSIDENTIFIER, PVOID data) {
+    if (hooks->support)
+        return hooks->support(irp);
     if (IoGetCurrentIrpStackLocation(irp)->Parameters.DeviceIoControl.OutputBufferLength != sizeof(ULONG))
         return STATUS_NOT_FOUND;
     *static_cast<ULONG *>(data) = 0x55;
@@ -245,13 +247,46 @@ constexpr KSPROPERTY_VALUES kValues{.PropTypeSet = {.Set = kTypeGeneral, .Id = 3
                                     .MembersListCount = SIZEOF_ARRAY(kMembers),
                                     .MembersList = kMembers};
 
+constexpr KSPROPERTY kRelation{.Set = kTestSet, .Id = kReadOnly, .Flags = 0};
+
+// The values of kSavedSet, which begin in lower case.
+UCHAR saved[2][8] = {"abcdefg", "hijklmn"};
+
+NTSTATUS GetSaved(PIRP irp, PKSIDENTIFIER property, PVOID data) {
+    const auto &control = IoGetCurrentIrpStackLocation(irp)->Parameters.DeviceIoControl;
+    RtlCopyMemory(data, saved[property->Id - 1], control.OutputBufferLength);
+    irp->IoStatus.Information = control.OutputBufferLength;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS SetSaved(PIRP irp, PKSIDENTIFIER property, PVOID data) {
+    const auto &control = IoGetCurrentIrpStackLocation(irp)->Parameters.DeviceIoControl;
+    if (KSPROPERTY_ITEM_IRP_STORAGE(irp)->SerializedSize != control.OutputBufferLength)
+        return STATUS_DATA_ERROR;
+    RtlCopyMemory(saved[property->Id - 1], data, control.OutputBufferLength);
+    return STATUS_SUCCESS;
+}
+
+constexpr KSPROPERTY_ITEM SavedItem(ULONG id, ULONG size) {
+    return {.PropertyId = id,
+            .GetPropertyHandler = GetSaved,
+            .MinProperty = sizeof(KSPROPERTY),
+            .MinData = size,
+            .SetPropertyHandler = SetSaved,
+            .SerializedSize = size};
+}
+const KSPROPERTY_ITEM kSavedItems[] = {SavedItem(1, 4), SavedItem(2, 6), SavedItem(3, 0)};
+
 const KSPROPERTY_ITEM kItems[] = {
     {.PropertyId = kValue,
      .GetPropertyHandler = GetValue,
      .MinProperty = sizeof(ValueBlock),
      .MinData = sizeof(ValueBlock),
      .SetPropertyHandler = SetValue,
-     .Values = &kValues},
+     .Values = &kValues,
+     .RelationsCount = 1,
+     .Relations = &kRelation,
+     .SerializedSize = sizeof(ValueBlock)},
     {.PropertyId = kReadOnly, .GetPropertyHandler = GetValue, .MinProperty = sizeof(KSPROPERTY), .MinData = 4},
     {.PropertyId = kNothing, .MinProperty = sizeof(KSPROPERTY)},
     {.PropertyId = kSupported,
@@ -262,9 +297,10 @@ const KSPROPERTY_ITEM kItems[] = {
 };
 const KSPROPERTY_SET kSets[] = {
     {.Set = &kTestSet, .PropertiesCount = SIZEOF_ARRAY(kItems), .PropertyItem = kItems},
+    {.Set = &kSavedSet, .PropertiesCount = SIZEOF_ARRAY(kSavedItems), .PropertyItem = kSavedItems},
 };
 const KSAUTOMATION_TABLE kAutomation{
-    .PropertySetsCount = 1, .PropertyItemSize = sizeof(KSPROPERTY_ITEM), .PropertySets = kSets};
+    .PropertySetsCount = SIZEOF_ARRAY(kSets), .PropertyItemSize = sizeof(KSPROPERTY_ITEM), .PropertySets = kSets};
 
 constexpr KS_DATARANGE_VIDEO MakeRange(const GUID &subFormat, USHORT bits) {
     KS_DATARANGE_VIDEO range{};
