@@ -101,6 +101,8 @@ NTSTATUS Registry::SetValue(RegistryKey &key, std::u16string_view name, ULONG ty
     auto found = FindByName(key.values, name);
     if (found == key.values.end())
         found = key.values.insert(found, RegistryValue{.name = std::u16string(name)});
+    else if (found->type == type && found->data == copy)
+        return STATUS_SUCCESS; // saves the writing: a driver that replays its settings stores each of them again
     found->type = type;
     found->data = std::move(copy);
     Save();

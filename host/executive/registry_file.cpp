@@ -8,6 +8,8 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
+#include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace host {
@@ -117,6 +119,63 @@ void KeyToJson(const RegistryKey &key, const std::u16string &path, ordered_json 
         KeyToJson(*child, path + u"\\" + child->name, all);
 }
 
+class Descriptor {
+  public:
+    explicit Descriptor(int number) : number_(number) {}
+    ~Descriptor() {
+        if (number_ >= 0)
+            close(number_);
+    }
+    Descriptor(const Descriptor &) = delete;
+    Descriptor &operator=(const Descriptor &) = delete;
+    operator int() const { return number_; }
+
+  private:
+    const int number_;
+};
+
+// Opens the file, or what a killed process left of it, as the only one who does; -1 on failure. The lock belongs to the
+// open file, so it goes when the process does.
+int OpenAlone(const std::filesystem::path &file) {
+    for (;;) {
+        const int descriptor = open(file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+        if (descriptor < 0)
+            return -1;
+        struct stat opened, named;
+        if (flock(descriptor, LOCK_EX) == 0 && fstat(descriptor, &opened) == 0) {
+            // Whoever held the lock may have renamed the file meanwhile: then it is the registry itself by now.
+            if (stat(file.c_str(), &named) == 0 && named.st_ino == opened.st_ino && named.st_dev == opened.st_dev)
+                return descriptor;
+            errno = EAGAIN;
+        }
+        const int error = errno;
+        close(descriptor);
+        errno = error;
+        if (error != EAGAIN && error != EINTR)
+            return -1;
+    }
+}
+
+bool WriteAll(int descriptor, std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t written = write(descriptor, text.data(), text.size());
+        if (written < 0 && errno == EINTR)
+            continue;
+        if (written <= 0)
+            return false;
+        text.remove_prefix(static_cast<std::size_t>(written));
+    }
+    return true;
+}
+
+// A renamed file is on the disk only when its folder is.
+bool SyncFolder(const std::filesystem::path &file) {
+    const std::filesystem::path folder = file.has_parent_path() ? file.parent_path() : ".";
+    const Descriptor descriptor(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    // Some file systems cannot sync a folder; the rename is whole all the same.
+    return descriptor >= 0 && (fsync(descriptor) == 0 || errno == EINVAL);
+}
+
 } // namespace
 
 bool ReadRegistryFile(const std::filesystem::path &file, RegistryKey &root, std::string &reason) {
@@ -165,18 +224,9 @@ void WriteRegistryFile(const std::filesystem::path &file, const RegistryKey &roo
     const std::string text = all.dump(2) + "\n";
 
     const std::filesystem::path temporary = file.string() + ".new";
-    const int descriptor = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    bool good = descriptor >= 0;
-    for (std::size_t done = 0; good && done < text.size();) {
-        const ssize_t written = write(descriptor, text.data() + done, text.size() - done);
-        good = written > 0;
-        done += good ? static_cast<std::size_t>(written) : 0;
-    }
-    good = good && fsync(descriptor) == 0;
-    if (descriptor >= 0)
-        close(descriptor);
-    good = good && rename(temporary.c_str(), file.c_str()) == 0;
-    if (!good)
+    const Descriptor descriptor(OpenAlone(temporary));
+    if (descriptor < 0 || ftruncate(descriptor, 0) != 0 || !WriteAll(descriptor, text) || fsync(descriptor) != 0 ||
+        rename(temporary.c_str(), file.c_str()) != 0 || !SyncFolder(file))
         Violation("registry file", "registry", file.string() + " cannot be written: " + std::strerror(errno));
 }
 

@@ -1,10 +1,15 @@
 // The registry, and that it survives.
+#include "host/executive/registry_file.h"
 #include "tests/host/executive/fixture.h"
 
+#include <algorithm>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <string>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace host::tests {
@@ -148,6 +153,117 @@ TEST_F(RegistryTest, DamagedFileIsNotOverwritten) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(Boot(), "violation: registry file");
     EXPECT_EQ(std::filesystem::file_size(file_), damaged.size());
+}
+
+// Several processes save two values again and again, equal numbers in both, the first one first.
+class SavingTest : public testing::Test {
+  protected:
+    SavingTest() {
+        std::filesystem::remove_all(folder_);
+        std::filesystem::create_directory(folder_);
+    }
+    ~SavingTest() override { std::filesystem::remove_all(folder_); }
+
+    struct Writer {
+        pid_t process = 0;
+        int reports = -1; // one byte for every number that is saved
+    };
+    Writer StartWriter(const char16_t *key, ULONG count) {
+        int ends[2];
+        EXPECT_EQ(pipe(ends), 0);
+        Writer writer{.process = fork(), .reports = ends[0]};
+        if (writer.process != 0) {
+            close(ends[1]);
+            return writer;
+        }
+        {
+            Registry registry(file_);
+            std::shared_ptr<RegistryKey> at;
+            bool created;
+            registry.Create(nullptr, key, 0, MakeKeys::All, at, created);
+            ULONG first = 0;
+            if (RegistryValue value; registry.FindValue(*at, u"First", value))
+                std::memcpy(&first, value.data.data(), sizeof first);
+            for (ULONG number = first + 1; number <= first + count; ++number) {
+                registry.SetValue(*at, u"First", REG_DWORD, &number, sizeof number);
+                registry.SetValue(*at, u"Second", REG_DWORD, &number, sizeof number);
+                if (write(ends[1], "", 1) != 1)
+                    break;
+            }
+        }
+        _exit(0);
+    }
+    static unsigned Reports(const Writer &writer, unsigned count) {
+        char bytes[64];
+        ssize_t got = read(writer.reports, bytes, std::min<std::size_t>(count, sizeof bytes));
+        return got > 0 ? static_cast<unsigned>(got) : 0;
+    }
+    static void End(const Writer &writer, int signal) {
+        if (signal != 0)
+            kill(writer.process, signal);
+        int status;
+        EXPECT_EQ(waitpid(writer.process, &status, 0), writer.process);
+        EXPECT_EQ(WIFSIGNALED(status) ? WTERMSIG(status) : 0, signal);
+        close(writer.reports);
+    }
+
+    // The file as it is now; false when it cannot be understood.
+    bool Read(const char16_t *key, ULONG &first, ULONG &second) const {
+        RegistryKey root;
+        std::string reason;
+        EXPECT_TRUE(ReadRegistryFile(file_, root, reason)) << reason;
+        first = second = 0;
+        const auto machine = root.keys.find(u"REGISTRY");
+        if (machine == root.keys.end())
+            return reason.empty();
+        const auto found = machine->second->keys.find(key);
+        if (found == machine->second->keys.end())
+            return reason.empty();
+        for (const RegistryValue &value : found->second->values)
+            std::memcpy(value.name == u"First" ? &first : &second, value.data.data(), sizeof first);
+        return reason.empty();
+    }
+
+    const std::filesystem::path folder_ =
+        std::filesystem::temp_directory_path() / ("saving_test." + std::to_string(getpid()));
+    const std::filesystem::path file_ = folder_ / "registry";
+};
+
+TEST_F(SavingTest, KilledProcessLosesNothingOfTheOlderState) {
+    std::minstd_rand random(static_cast<unsigned>(testing::UnitTest::GetInstance()->random_seed()));
+    ULONG last = 0;
+    for (int i = 0; i < 40; ++i) {
+        const Writer writer = StartWriter(u"\\Registry\\A", 1'000'000);
+        unsigned reported = 0;
+        while (reported < 1 + random() % 4)
+            reported += Reports(writer, 1);
+        for (volatile unsigned spin = random() % 200'000; spin != 0;)
+            spin = spin - 1;
+        End(writer, SIGKILL);
+        ULONG first, second;
+        ASSERT_TRUE(Read(u"A", first, second));
+        EXPECT_TRUE(first == second || first == second + 1) << first << ", " << second;
+        EXPECT_GE(second, last + reported);
+        last = first;
+    }
+}
+
+TEST_F(SavingTest, TwoProcessesNeverLeaveHalfAFile) {
+    constexpr ULONG kCount = 100;
+    const Writer writers[] = {StartWriter(u"\\Registry\\A", kCount), StartWriter(u"\\Registry\\B", kCount)};
+    for (const Writer &writer : writers) {
+        while (Reports(writer, 1) != 0) {
+            ULONG first, second;
+            ASSERT_TRUE(Read(u"A", first, second));
+            EXPECT_TRUE(first == second || first == second + 1) << first << ", " << second;
+        }
+    }
+    for (const Writer &writer : writers)
+        End(writer, 0);
+    ULONG a, b, same;
+    ASSERT_TRUE(Read(u"A", a, same) && Read(u"B", b, same));
+    EXPECT_TRUE(a == kCount || b == kCount) << "the last one's state stays";
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder_), {}), 1) << "something is left over";
 }
 
 } // namespace
