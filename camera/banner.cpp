@@ -1,12 +1,9 @@
 #include "camera/banner.h"
 
-#include "platform/counted_string.h"
-
 namespace uvc {
 
 namespace {
 
-constexpr UNICODE_STRING kVersion = ConstantString(L"2.1.5.616");
 constexpr UNICODE_STRING kBuildTime = ConstantString(L"Tue May  3 11:48:55 2011");
 
 } // namespace
@@ -14,7 +11,7 @@ constexpr UNICODE_STRING kBuildTime = ConstantString(L"Tue May  3 11:48:55 2011"
 NTSTATUS AppendVersionBanner(UNICODE_STRING *text) {
     NTSTATUS status = RtlUnicodeStringCatString(text, L"uvc_drv, ver=");
     if (NT_SUCCESS(status))
-        status = RtlUnicodeStringCat(text, &kVersion);
+        status = RtlUnicodeStringCat(text, &kDriverVersion);
     if (NT_SUCCESS(status))
         status = RtlUnicodeStringCatString(text, L" build (fre) ");
     if (NT_SUCCESS(status))

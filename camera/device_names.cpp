@@ -34,4 +34,13 @@ NTSTATUS StoreDeviceNames(PDEVICE_OBJECT physicalDevice, const UNICODE_STRING &v
     return status;
 }
 
+ULONG SerialNumberOf(UNICODE_STRING text) {
+    constexpr USHORT kNumberBytes = 8 * sizeof(WCHAR);
+    text.Length = std::min(text.Length, kNumberBytes);
+    ULONG number = 0;
+    if (text.Length == 0 || !NT_SUCCESS(RtlUnicodeStringToInteger(&text, 16, &number)))
+        return 0;
+    return number;
+}
+
 } // namespace uvc

@@ -2,6 +2,7 @@
 
 #include "camera/banner.h"
 #include "camera/descriptor_parser.h"
+#include "camera/device_names.h"
 #include "camera/parameter.h"
 #include "imaging/processor_features.h"
 #include "usb/frame_assembly.h"
@@ -19,7 +20,6 @@ template <USHORT N> void ToAnsi(const UNICODE_STRING &wide, char (&text)[N]) {
 }
 
 constexpr USHORT kInfoTextBytes = 128;
-constexpr USHORT kSerialBytes = 16; // the number is made of the first 8 characters
 
 // A device string of at most 64 characters, cut where it is longer; empty when there is none.
 struct DeviceText {
@@ -107,11 +107,7 @@ void UvcCamera::GetCameraInfo(CameraInfo &info) {
     ToAnsi(DeviceText(*link, kManufacturerString).string, info.manufacturer);
     DeviceText serial(*link, kSerialNumberString);
     ToAnsi(serial.string, info.serialText);
-    if (serial.string.Length > kSerialBytes)
-        serial.string.Length = kSerialBytes;
-    ULONG number = 0;
-    if (serial.string.Length != 0 && NT_SUCCESS(RtlUnicodeStringToInteger(&serial.string, 16, &number)))
-        info.serial = number;
+    info.serial = SerialNumberOf(serial.string);
 }
 
 void UvcCamera::FillFamilyInfo(CameraInfo &info) {

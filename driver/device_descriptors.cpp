@@ -23,6 +23,86 @@ template <class T> NTSTATUS CopyTracked(UvcDevice &device, POOL_TYPE pool, const
     return status;
 }
 
+// The value table of one standard control.
+struct ControlValues {
+    KSPROPERTY_VALUES values;
+    KSPROPERTY_MEMBERSLIST lists[2];
+    KSPROPERTY_STEPPING_LONG range;
+    LONG defaultValue;
+};
+
+void FillControlValues(ControlValues &table, const ControlRangeBlock &range) {
+    table.range = {.SteppingDelta = static_cast<ULONG>(range.resolution),
+                   .Bounds = {.SignedMinimum = range.minimum, .SignedMaximum = range.maximum}};
+    table.defaultValue = range.defaultValue;
+    table.lists[0] = {.MembersHeader = {.MembersFlags = KSPROPERTY_MEMBER_STEPPEDRANGES,
+                                        .MembersSize = sizeof(table.range),
+                                        .MembersCount = 1},
+                      .Members = &table.range};
+    table.lists[1] = {.MembersHeader = {.MembersFlags = KSPROPERTY_MEMBER_VALUES,
+                                        .MembersSize = sizeof(table.defaultValue),
+                                        .MembersCount = 1,
+                                        .Flags = KSPROPERTY_MEMBER_FLAG_DEFAULT},
+                      .Members = &table.defaultValue};
+    table.values = {.PropTypeSet = {.Set = {STATICGUIDOF(KSPROPTYPESETID_General)}, .Id = VT_I4},
+                    .MembersListCount = ARRAYSIZE(table.lists),
+                    .MembersList = table.lists};
+}
+
+// A control that the camera lacks becomes unsupported; one that it has gets its range. A camera that fails to tell the
+// range has the control all the same, with an empty one.
+NTSTATUS AdjustControl(UvcDevice &device, ULONG set, KSPROPERTY_ITEM &item) {
+    ControlRangeBlock range{};
+    NTSTATUS status = device.camera->GetControl(set, item.PropertyId, kControlRange, &range, sizeof(range));
+    if (status == STATUS_NOT_IMPLEMENTED) {
+        item.GetPropertyHandler = nullptr;
+        item.SetPropertyHandler = nullptr;
+        item.Values = nullptr;
+        return STATUS_SUCCESS;
+    }
+    ControlValues *table = nullptr;
+    status = CopyTracked<ControlValues>(device, PagedPool, nullptr, 1, table);
+    if (!NT_SUCCESS(status))
+        return status;
+    FillControlValues(*table, range);
+    item.Values = &table->values;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS CopyValues(UvcDevice &device, KSPROPERTY_ITEM &item) {
+    KSPROPERTY_VALUES *values = nullptr;
+    NTSTATUS status = CopyTracked(device, PagedPool, item.Values, 1, values);
+    if (!NT_SUCCESS(status))
+        return status;
+    item.Values = values;
+    if (values->MembersListCount == 0)
+        return STATUS_SUCCESS;
+    KSPROPERTY_MEMBERSLIST *lists = nullptr;
+    status = CopyTracked(device, PagedPool, values->MembersList, values->MembersListCount, lists);
+    if (!NT_SUCCESS(status))
+        return status;
+    values->MembersList = lists;
+    for (ULONG i = 0; i < values->MembersListCount; ++i) {
+        const ULONG size = lists[i].MembersHeader.MembersCount * lists[i].MembersHeader.MembersSize;
+        if (size == 0)
+            continue;
+        UCHAR *members = nullptr;
+        status = CopyTracked(device, PagedPool, static_cast<const UCHAR *>(lists[i].Members), size, members);
+        if (!NT_SUCCESS(status))
+            return status;
+        lists[i].Members = members;
+    }
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS AdjustItem(UvcDevice &device, const GUID &set, KSPROPERTY_ITEM &item) {
+    if (IsEqualGUIDAligned(set, PROPSETID_VIDCAP_VIDEOPROCAMP))
+        return AdjustControl(device, kVideoProcAmpSet, item);
+    if (IsEqualGUIDAligned(set, PROPSETID_VIDCAP_CAMERACONTROL))
+        return AdjustControl(device, kCameraControlSet, item);
+    return item.Values != nullptr ? CopyValues(device, item) : STATUS_SUCCESS;
+}
+
 NTSTATUS CopyPropertySets(UvcDevice &device, KSAUTOMATION_TABLE &table) {
     KSPROPERTY_SET *sets = nullptr;
     NTSTATUS status = CopyTracked(device, PagedPool, table.PropertySets, table.PropertySetsCount, sets);
@@ -37,6 +117,11 @@ NTSTATUS CopyPropertySets(UvcDevice &device, KSAUTOMATION_TABLE &table) {
         if (!NT_SUCCESS(status))
             return status;
         sets[i].PropertyItem = items;
+        for (ULONG item = 0; item < sets[i].PropertiesCount; ++item) {
+            status = AdjustItem(device, *sets[i].Set, items[item]);
+            if (!NT_SUCCESS(status))
+                return status;
+        }
     }
     return STATUS_SUCCESS;
 }

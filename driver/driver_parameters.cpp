@@ -1,14 +1,11 @@
 // The driver-parameter property set: 32-bit values, and a few blocks that the camera object reads and writes itself.
 #include "camera/parameter.h"
 #include "camera/uvc_camera.h"
-#include "driver/property_router.h"
-#include "driver/uvc_device.h"
+#include "driver/property_handlers.h"
 
 namespace uvc {
 
 namespace {
-
-constexpr ULONG kGetAndSet = KSPROPERTY_TYPE_GET | KSPROPERTY_TYPE_SET;
 
 constexpr ULONG kBlockLength = 8;
 
@@ -38,19 +35,21 @@ NTSTATUS GetBlock(UvcCamera &camera, PropertyRequest &request) {
 
 NTSTATUS SetValue(UvcCamera &camera, PropertyRequest &request) {
     ULONG value = 0;
-    if (request.data == nullptr || request.inputLength < sizeof(value))
+    const void *setting = SettingBuffer(request, sizeof(value));
+    if (setting == nullptr)
         return STATUS_NOT_IMPLEMENTED;
-    RtlCopyMemory(&value, request.data, sizeof(value));
+    RtlCopyMemory(&value, setting, sizeof(value));
     return camera.SetParameter(request.property->Id, value);
 }
 
 NTSTATUS GetValue(UvcCamera &camera, PropertyRequest &request) {
-    if (request.data == nullptr || request.outputLength < sizeof(ULONG))
-        return STATUS_NOT_IMPLEMENTED;
     ULONG value = 0;
+    void *answer = AnswerBuffer(request, sizeof(value));
+    if (answer == nullptr)
+        return STATUS_NOT_IMPLEMENTED;
     NTSTATUS status = camera.GetParameter(request.property->Id, value);
     if (NT_SUCCESS(status)) {
-        RtlCopyMemory(request.data, &value, sizeof(value));
+        RtlCopyMemory(answer, &value, sizeof(value));
         request.information = sizeof(value);
     }
     return status;
@@ -58,16 +57,13 @@ NTSTATUS GetValue(UvcCamera &camera, PropertyRequest &request) {
 
 } // namespace
 
-NTSTATUS HandleDriverParameter(UvcDevice &device, PropertyRequest &request) {
-    if (device.camera == nullptr)
-        return STATUS_DEVICE_NOT_CONNECTED;
-    UvcCamera &camera = *device.camera;
+NTSTATUS HandleDriverParameter(UvcDevice &, UvcCamera &camera, PropertyRequest &request) {
     const ULONG id = request.property->Id;
     if (IsSupportQuery(request))
         return AnswerSupport(request, camera.IsParameterSupported(id) ? kGetAndSet : 0);
-    if ((request.property->Flags & KSPROPERTY_TYPE_SET) != 0)
+    if (IsSet(request))
         return IsBlock(id) ? SetBlock(camera, request) : SetValue(camera, request);
-    if ((request.property->Flags & KSPROPERTY_TYPE_GET) != 0)
+    if (IsGet(request))
         return IsBlock(id) ? GetBlock(camera, request) : GetValue(camera, request);
     return STATUS_NOT_IMPLEMENTED;
 }

@@ -5,6 +5,9 @@
 
 namespace uvc {
 
+// The access that a support query tells of.
+inline constexpr ULONG kGetAndSet = KSPROPERTY_TYPE_GET | KSPROPERTY_TYPE_SET;
+
 struct PropertyRequest {
     PIRP irp; // null for a request that the driver makes itself
     KSPROPERTY *property;
@@ -26,6 +29,25 @@ inline NTSTATUS AnswerSupport(PropertyRequest &request, ULONG access) {
     RtlCopyMemory(request.data, &access, sizeof(access));
     request.information = sizeof(access);
     return STATUS_SUCCESS;
+}
+
+inline bool IsGet(const PropertyRequest &request) {
+    return (request.property->Flags & KSPROPERTY_TYPE_GET) != 0;
+}
+
+inline bool IsSet(const PropertyRequest &request) {
+    return (request.property->Flags & KSPROPERTY_TYPE_SET) != 0;
+}
+
+// Where the answer to a get goes; null when there is no room for `size` bytes.
+inline void *AnswerBuffer(const PropertyRequest &request, ULONG size) {
+    return request.outputLength >= size ? request.data : nullptr;
+}
+
+// What a set brings; null when it is shorter than `size` bytes. The input length counts the property header that a
+// client sends in front, and the data lie in the output buffer: both must reach.
+inline void *SettingBuffer(const PropertyRequest &request, ULONG size) {
+    return request.inputLength >= size && request.outputLength >= size ? request.data : nullptr;
 }
 
 } // namespace uvc

@@ -1,10 +1,12 @@
 #include "driver/property_router.h"
 
+#include "camera/property_set_guids.h"
 #include "driver/capture_pin.h"
-#include "driver/property_sets.h"
+#include "driver/property_handlers.h"
 #include "driver/uvc_device.h"
 #include "platform/guarded_call.h"
 #include "platform/lock.h"
+#include "platform/shared_field.h"
 
 namespace uvc {
 
@@ -20,15 +22,29 @@ NTSTATUS HandleDroppedFrames(UvcDevice &device, PropertyRequest &request) {
                                  : STATUS_NOT_IMPLEMENTED;
 }
 
+// A device whose restart failed has no camera, though an application may have kept its filter open.
+template <PropertyHandler Handler> NTSTATUS AskCamera(UvcDevice &device, PropertyRequest &request) {
+    UvcCamera *camera = ReadPublished(device.camera);
+    return camera != nullptr ? Handler(device, *camera, request) : STATUS_DEVICE_NOT_CONNECTED;
+}
+
 struct Route {
     const GUID *set;
     NTSTATUS (*handler)(UvcDevice &, PropertyRequest &);
 };
 
-const Route kRoutes[] = {
-    {.set = &kDriverParameterSet, .handler = HandleDriverParameter},
+constexpr Route kRoutes[] = {
+    {.set = &PROPSETID_DEVICE_INFO, .handler = AskCamera<HandleDeviceInformation>},
+    {.set = &PROPSETID_DRIVER_INFO, .handler = AskCamera<HandleDriverInformation>},
+    {.set = &PROPSETID_VIDCAP_VIDEOPROCAMP, .handler = AskCamera<HandleVideoProcAmp>},
+    {.set = &PROPSETID_VIDCAP_CAMERACONTROL, .handler = AskCamera<HandleCameraControl>},
+    {.set = &PROPSETID_PRIVATE_IMAGE, .handler = AskCamera<HandleImageControl>},
+    {.set = &PROPSETID_VIDCAP_VIDEOCONTROL, .handler = AskCamera<HandleVideoControl>},
+    {.set = &PROPSETID_DRIVER_PARAMETER, .handler = AskCamera<HandleDriverParameter>},
     {.set = &PROPSETID_VIDCAP_DROPPEDFRAMES, .handler = HandleDroppedFrames},
+    {.set = &PROPSETID_PRIVATE_COLORMATRIX, .handler = AskCamera<HandleColourMatrix>},
 };
+static_assert(ARRAYSIZE(kRoutes) == 9);
 
 struct Probe {
     void *buffer;

@@ -12,10 +12,8 @@ class UvcDevice;
 // router's status. IRQL: PASSIVE_LEVEL.
 NTSTATUS HandleFilterProperty(PIRP irp, PKSIDENTIFIER property, PVOID data);
 
-// Picks the answerer by property set; STATUS_NOT_IMPLEMENTED for any other set. IRQL: PASSIVE_LEVEL.
+// Picks the answerer by property set; STATUS_NOT_IMPLEMENTED for any other set, STATUS_DEVICE_NOT_CONNECTED while the
+// device has no camera. IRQL: PASSIVE_LEVEL.
 NTSTATUS RouteProperty(UvcDevice &device, PropertyRequest &request);
-
-// The numbered driver parameters of the camera object. IRQL: PASSIVE_LEVEL.
-NTSTATUS HandleDriverParameter(UvcDevice &device, PropertyRequest &request);
 
 } // namespace uvc

@@ -5,8 +5,6 @@
 
 namespace uvc {
 
-extern const GUID kDriverParameterSet; // {6E0C59B1-3C83-4A78-9838-10D5C883E3CB}
-
 extern const KSAUTOMATION_TABLE kFilterAutomationTable;
 extern const KSAUTOMATION_TABLE kPinAutomationTable;
 

@@ -5,7 +5,9 @@
 #include "camera/uvc_camera.h"
 #include "driver/capture_pin.h"
 #include "driver/device_descriptors.h"
+#include "driver/saved_settings.h"
 #include "platform/lock.h"
+#include "platform/shared_field.h"
 #include "usb/usb_request.h"
 
 namespace uvc {
@@ -65,18 +67,23 @@ NTSTATUS UvcDevice::Start() {
         candidate->Destroy(kDestroyAndFree);
         return status;
     }
-    camera = candidate;
+    Publish(camera, candidate);
 
     KSFILTER_DESCRIPTOR *filterDescriptor = nullptr;
     status = BuildDeviceDescriptors(*this, filterDescriptor);
     if (!NT_SUCCESS(status))
         return status;
 
-    // The class driver calls this without its device mutex, which filter factories need.
-    KsDeviceGuard guard(device);
-    return KsCreateFilterFactory(device->FunctionalDeviceObject, filterDescriptor,
-                                 const_cast<WCHAR *>(kReferenceString), nullptr, KSCREATE_ITEM_FREEONSTOP, nullptr,
-                                 nullptr, nullptr);
+    {
+        // The class driver calls this without its device mutex, which filter factories need.
+        KsDeviceGuard guard(device);
+        status = KsCreateFilterFactory(device->FunctionalDeviceObject, filterDescriptor,
+                                       const_cast<WCHAR *>(kReferenceString), nullptr, KSCREATE_ITEM_FREEONSTOP,
+                                       nullptr, nullptr, nullptr);
+    }
+    if (NT_SUCCESS(status))
+        ReplaySettings(*this);
+    return status;
 }
 
 // The camera to initialise. When the device descriptor cannot be read, that of an earlier start serves on.
@@ -85,7 +92,7 @@ UvcCamera *UvcDevice::IdentifyCamera() {
     if (!NT_SUCCESS(UsbGetDeviceDescriptor(device->PhysicalDeviceObject, &descriptor))) {
         if (camera != nullptr)
             static_cast<void>(StreamStop(*camera)); // cannot fail
-        return std::exchange(camera, nullptr);
+        return Withdraw();
     }
     StoreNames(descriptor);
     Retire();
@@ -111,9 +118,16 @@ void UvcDevice::StoreNames(const USB_DEVICE_DESCRIPTOR &descriptor) {
         static_cast<void>(StoreDeviceNames(device->PhysicalDeviceObject, manufacturer, product));
 }
 
+// Requests that come from now on find no camera.
+UvcCamera *UvcDevice::Withdraw() {
+    UvcCamera *withdrawn = camera;
+    Publish<UvcCamera>(camera, nullptr);
+    return withdrawn;
+}
+
 // The class driver need not have stopped the pin of a device that was stopped or pulled.
 void UvcDevice::Retire() {
-    UvcCamera *retired = std::exchange(camera, nullptr);
+    UvcCamera *retired = Withdraw();
     if (retired == nullptr)
         return;
     static_cast<void>(StreamStop(*retired)); // cannot fail

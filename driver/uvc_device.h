@@ -36,7 +36,7 @@ class UvcDevice final : public FrameSink {
     LONG pinClaim; // 1 while a pin owns the camera; interlocked operations only
     CapturePin *pin;
     KS_VIDEOINFOHEADER *format; // the connected pin's format copy
-    UvcCamera *camera;          // null unless the last start found and initialised one
+    UvcCamera *camera;          // null unless the last start found and initialised one; published to property requests
     AllocationList allocations;
     KSPIN_LOCK pinLock; // over `pin` and what the pin holds while it is connected, against requests at other filters
 
@@ -46,6 +46,7 @@ class UvcDevice final : public FrameSink {
     static void Free(void *context);
     UvcCamera *IdentifyCamera();
     void StoreNames(const USB_DEVICE_DESCRIPTOR &descriptor);
+    UvcCamera *Withdraw();
     void Retire();
 
     // Cameras of earlier starts. A start replaces the camera without destroying it, since the memory of a start is

@@ -1,5 +1,5 @@
 // The pin's states, its claim on the camera, its counters and what it writes into stream headers.
-#include "driver/property_sets.h"
+#include "camera/property_set_guids.h"
 #include "tests/driver/capture_rig.h"
 
 #include <cstring>
@@ -134,11 +134,13 @@ TEST_F(CapturePinTest, DroppedFramesAtTheFilterAreThoseOfTheConnectedPin) {
 // Parameters set by an application take effect in the frames: with the overlay on, the white box of the text appears.
 TEST_F(CapturePinTest, DriverParametersReachTheFrames) {
     ULONG value = 1;
-    ASSERT_EQ(rig.app.filter.Property(kDriverParameterSet, 1, KSPROPERTY_TYPE_SET, {}, BytesOf(value)), STATUS_SUCCESS);
+    ASSERT_EQ(rig.app.filter.Property(PROPSETID_DRIVER_PARAMETER, 1, KSPROPERTY_TYPE_SET, {}, BytesOf(value)),
+              STATUS_SUCCESS);
     value = 0;
-    ASSERT_EQ(rig.app.filter.Property(kDriverParameterSet, 1, KSPROPERTY_TYPE_GET, {}, BytesOf(value)), STATUS_SUCCESS);
+    ASSERT_EQ(rig.app.filter.Property(PROPSETID_DRIVER_PARAMETER, 1, KSPROPERTY_TYPE_GET, {}, BytesOf(value)),
+              STATUS_SUCCESS);
     EXPECT_EQ(value, 1u);
-    EXPECT_EQ(rig.app.filter.Property(kDriverParameterSet, 14, KSPROPERTY_TYPE_GET, {}, BytesOf(value)),
+    EXPECT_EQ(rig.app.filter.Property(PROPSETID_DRIVER_PARAMETER, 14, KSPROPERTY_TYPE_GET, {}, BytesOf(value)),
               STATUS_NOT_IMPLEMENTED);
     ASSERT_EQ(rig.app.Run(), STATUS_SUCCESS);
     host::client::Frame *frame = rig.app.Next();

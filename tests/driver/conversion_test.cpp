@@ -1,5 +1,5 @@
 // From a raw sensor to an application in the formats that the driver converts to, while an application changes how.
-#include "driver/property_sets.h"
+#include "camera/property_set_guids.h"
 #include "imaging/conversion.h"
 #include "imaging/processor_features.h"
 #include "tests/driver/capture_rig.h"
@@ -64,8 +64,9 @@ class Conversion : public testing::TestWithParam<std::tuple<Model, Output>> {
     }
 
     void Set(ULONG parameter, ULONG value) {
-        ASSERT_EQ(rig.app.filter.Property(kDriverParameterSet, parameter, KSPROPERTY_TYPE_SET, {}, BytesOf(value)),
-                  STATUS_SUCCESS);
+        ASSERT_EQ(
+            rig.app.filter.Property(PROPSETID_DRIVER_PARAMETER, parameter, KSPROPERTY_TYPE_SET, {}, BytesOf(value)),
+            STATUS_SUCCESS);
     }
 
     // The default corrections written over `image`.
