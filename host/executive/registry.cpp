@@ -22,6 +22,32 @@ auto FindByName(auto &values, std::u16string_view name) {
                         [&](const RegistryValue &value) { return Upcase(value.name) == Upcase(name); });
 }
 
+void Overlay(const RegistryKey &changes, RegistryKey &stored) {
+    std::erase_if(stored.values,
+                  [&](const RegistryValue &value) { return changes.removed.contains(Upcase(value.name)); });
+    for (const RegistryValue &value : changes.values) {
+        if (!value.changed)
+            continue;
+        const auto found = FindByName(stored.values, value.name);
+        if (found == stored.values.end())
+            stored.values.push_back(value);
+        else
+            *found = value;
+    }
+    for (const std::u16string &name : changes.removedKeys)
+        stored.keys.erase(name);
+    for (const auto &[upper, child] : changes.keys) {
+        if (child->isVolatile)
+            continue;
+        std::shared_ptr<RegistryKey> &into = stored.keys[upper];
+        if (into == nullptr) {
+            into = std::make_shared<RegistryKey>();
+            into->name = child->name;
+        }
+        Overlay(*child, *into);
+    }
+}
+
 } // namespace
 
 Registry::Registry(std::filesystem::path file) : file_(std::move(file)) {
@@ -35,8 +61,9 @@ void Registry::Load() {
 }
 
 void Registry::Save() {
-    if (!file_.empty())
-        WriteRegistryFile(file_, *root_);
+    if (file_.empty())
+        return;
+    UpdateRegistryFile(file_, [this](RegistryKey &stored) { Overlay(*root_, stored); });
 }
 
 NTSTATUS Registry::Create(RegistryKey *root, std::u16string_view path, ULONG options, MakeKeys make,
@@ -66,6 +93,7 @@ NTSTATUS Registry::Create(RegistryKey *root, std::u16string_view path, ULONG opt
         child->name = name;
         child->isVolatile = (options & REG_OPTION_VOLATILE) != 0;
         at->keys[Upcase(name)] = child;
+        at->removedKeys.erase(Upcase(name));
         at = std::move(child);
         created = true;
         return true;
@@ -105,6 +133,8 @@ NTSTATUS Registry::SetValue(RegistryKey &key, std::u16string_view name, ULONG ty
         return STATUS_SUCCESS; // saves the writing: a driver that replays its settings stores each of them again
     found->type = type;
     found->data = std::move(copy);
+    found->changed = true;
+    key.removed.erase(Upcase(name));
     Save();
     return STATUS_SUCCESS;
 }
@@ -116,6 +146,7 @@ NTSTATUS Registry::DeleteValue(RegistryKey &key, std::u16string_view name) {
     const auto found = FindByName(key.values, name);
     if (found == key.values.end())
         return STATUS_OBJECT_NAME_NOT_FOUND;
+    key.removed.insert(Upcase(found->name));
     key.values.erase(found);
     Save();
     return STATUS_SUCCESS;
@@ -132,6 +163,7 @@ NTSTATUS Registry::DeleteKey(RegistryKey &key) {
     const auto remove = [&](auto &self, RegistryKey &parent) -> bool {
         for (auto child = parent.keys.begin(); child != parent.keys.end(); ++child) {
             if (child->second.get() == &key) {
+                parent.removedKeys.insert(child->first);
                 parent.keys.erase(child);
                 return true;
             }

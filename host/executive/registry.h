@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -19,12 +20,15 @@ struct RegistryValue {
     std::u16string name;
     ULONG type = REG_NONE;
     std::vector<std::uint8_t> data;
+    bool changed = false; // since the file was read
 };
 
 struct RegistryKey {
     std::u16string name;                                         // as it was created
     std::map<std::u16string, std::shared_ptr<RegistryKey>> keys; // by name in upper case
     std::vector<RegistryValue> values;                           // in the order of their creation
+    std::set<std::u16string> removed;                            // names of values since the file was read, upper case
+    std::set<std::u16string> removedKeys;                        // likewise
     bool isVolatile = false;
     bool deleted = false;
 };
@@ -56,6 +60,7 @@ class Registry {
 
   private:
     void Load();
+    // Brings what has changed here into the file, over what other programs may have put there in the meantime.
     void Save();
 
     const std::filesystem::path file_;

@@ -217,17 +217,25 @@ bool ReadRegistryFile(const std::filesystem::path &file, RegistryKey &root, std:
     return true;
 }
 
-void WriteRegistryFile(const std::filesystem::path &file, const RegistryKey &root) {
+void UpdateRegistryFile(const std::filesystem::path &file, const std::function<void(RegistryKey &)> &change) {
+    const std::filesystem::path temporary = file.string() + ".new";
+    const auto fail = [&](const std::string &reason) {
+        Violation("registry file", "registry", file.string() + " cannot be written: " + reason);
+    };
+    const Descriptor descriptor(OpenAlone(temporary));
+    if (descriptor < 0)
+        fail(std::strerror(errno));
+    RegistryKey root;
+    std::string reason;
+    if (!ReadRegistryFile(file, root, reason))
+        fail(reason);
+    change(root);
     ordered_json all = ordered_json::object();
     for (const auto &[upper, child] : root.keys)
         KeyToJson(*child, u"\\" + child->name, all);
-    const std::string text = all.dump(2) + "\n";
-
-    const std::filesystem::path temporary = file.string() + ".new";
-    const Descriptor descriptor(OpenAlone(temporary));
-    if (descriptor < 0 || ftruncate(descriptor, 0) != 0 || !WriteAll(descriptor, text) || fsync(descriptor) != 0 ||
+    if (ftruncate(descriptor, 0) != 0 || !WriteAll(descriptor, all.dump(2) + "\n") || fsync(descriptor) != 0 ||
         rename(temporary.c_str(), file.c_str()) != 0 || !SyncFolder(file))
-        Violation("registry file", "registry", file.string() + " cannot be written: " + std::strerror(errno));
+        fail(std::strerror(errno));
 }
 
 } // namespace host
