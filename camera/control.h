@@ -116,10 +116,26 @@ class PropertyProvider {
     std::span<const ControlItem> items_;
 };
 
-// The generic handlers: the first mapping is the value, the second the automatic mode.
+// A provider that has a table of items and no state. Embedded in its camera.
+class StatelessProvider final : public PropertyProvider {
+  public:
+    using PropertyProvider::PropertyProvider;
+};
+
+// The row of a table, or null.
+const ControlItem *FindControlItem(std::span<const ControlItem> items, ULONG set, ULONG id);
+
+// The generic handlers: the first mapping is the value, the second the automatic mode. A get of kind 1 asks the camera
+// nothing. A set drives the control even by a malformed request, which counts as value 0 and flags 0. The last request
+// to the camera decides the status; without either control a get is STATUS_NOT_IMPLEMENTED.
 NTSTATUS GetGenericControl(const ControlRequest &request);
-// Drives the control even by a malformed request, which counts as value 0 and flags 0.
 NTSTATUS SetGenericControl(const ControlRequest &request);
+// The same for a value in log2 seconds over a control in units of 100 us.
+NTSTATUS GetExposureControl(const ControlRequest &request);
+NTSTATUS SetExposureControl(const ControlRequest &request);
+// The same for one half of the white-balance component control: blue or, for kWhiteBalanceRedId, red.
+NTSTATUS GetWhiteBalanceComponent(const ControlRequest &request);
+NTSTATUS SetWhiteBalanceComponent(const ControlRequest &request);
 
 // Value and flags of a set request. Both are 0 unless the status is success: STATUS_NOT_IMPLEMENTED for a kind that has
 // none, STATUS_INVALID_BUFFER_SIZE for a short buffer, STATUS_INVALID_PARAMETER for no buffer.
@@ -142,5 +158,7 @@ struct ControlAnswer {
 // Writes those words of the answer that the request's kind has; the property header stays as it is.
 // STATUS_NOT_IMPLEMENTED for another kind or a buffer that is missing or short for its kind.
 NTSTATUS AnswerControl(const ControlRequest &request, const ControlAnswer &answer);
+// Whether AnswerControl will succeed: for handlers that ask the camera first.
+bool CanAnswerControl(const ControlRequest &request);
 
 } // namespace uvc

@@ -66,6 +66,7 @@ void UvcCamera::Release(void *camera, ULONG flags) {
 NTSTATUS UvcCamera::Initialise() {
     formatsReady = false;
     formats.Clear();
+    providers_.Clear();
     descriptors.Reset();
     infoText[0] = 0;
     if (link == nullptr)
@@ -82,6 +83,7 @@ NTSTATUS UvcCamera::Initialise() {
     // A camera that does not answer leaves zeros.
     static_cast<void>(UvcStreamingRequest(*this, false, kGetCur, descriptors->committed));
     ParseDescriptors(link->ConfigurationBytes(), *descriptors);
+    controls.Build(*this);
 
     status = CreateControls();
     if (NT_SUCCESS(status))

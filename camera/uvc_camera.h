@@ -112,10 +112,15 @@ class UvcCamera {
     // Null when the pool was exhausted at construction.
     UsbDeviceLink *link = nullptr;
     PoolPointer<DescriptorBlock, pool_tag::Context> descriptors; // paged
+    UvcControlTable controls;
 
     // The two text lines of the overlay: the driver's banner, and "firmware_rev=%d" or nothing.
     char bannerText[128] = {};
     char infoText[128] = {};
+
+    // Attaches a provider of this camera and asks it for items before those that are registered already. A provider
+    // that cannot be attached is left out; only STATUS_INSUFFICIENT_RESOURCES is a failure. IRQL: PASSIVE_LEVEL.
+    NTSTATUS RegisterProvider(PropertyProvider &provider);
 
   protected:
     ~UvcCamera();
@@ -144,9 +149,13 @@ class UvcCamera {
     IntervalQuery intervalQuery_ = nullptr;
 
   private:
+    NTSTATUS HandleControl(ControlHandler ControlItem::*handler, ULONG set, ULONG id, ULONG kind, void *buffer,
+                           ULONG length);
     NTSTATUS BuildFormatList();
     NTSTATUS AddDescribedFrames();
     void ReadFirmwareRevision();
+
+    GrowableArray<PropertyProvider *> providers_; // the camera's own members
 };
 
 // Constructs the object in a block of pool; null without memory. The factory of the model table's rows.

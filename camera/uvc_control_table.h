@@ -29,9 +29,9 @@ struct UvcControl {
 
 class UvcControlTable {
   public:
-    // Asks the camera for every control that its camera terminal, processing unit and extension unit announce. A
-    // control that answers neither GET_INFO nor GET_CUR is left out. The table starts empty again.
-    // IRQL: PASSIVE_LEVEL.
+    // Asks the camera for the first 49 controls that its camera terminal, processing unit and extension unit announce.
+    // A control that fails GET_INFO or GET_CUR is left out; one that does not tell its length is there with size 0. The
+    // table starts empty again. IRQL: PASSIVE_LEVEL.
     void Build(UvcCamera &camera);
 
     // Null when the camera does not have the control.

@@ -2,7 +2,6 @@
 #include "imaging/conversion.h"
 #include "tests/camera/plugged_camera.h"
 
-#include <array>
 #include <cstring>
 #include <random>
 
@@ -213,17 +212,6 @@ TEST(CameraFamilies, SurviveEveryFailingAllocationAndTransfer) {
             }
         }
     }
-}
-
-// Control items come with the control objects; until a camera has any, every item is unknown.
-TEST(CameraFamilies, HaveNoControlItems) {
-    PluggedCamera plugged("sim:8201");
-    std::array<UCHAR, 48> buffer{};
-    EXPECT_FALSE(plugged.camera.ItemExists(3, 0));
-    EXPECT_EQ(plugged.camera.FindOwner(3, 0), nullptr);
-    EXPECT_EQ(plugged.camera.FindItem(3, 0), nullptr);
-    EXPECT_EQ(plugged.camera.GetControl(3, 0, 1, buffer.data(), 20), STATUS_NOT_IMPLEMENTED);
-    EXPECT_EQ(plugged.camera.SetControl(5, 109, 2, buffer.data(), 48), STATUS_NOT_IMPLEMENTED);
 }
 
 } // namespace
