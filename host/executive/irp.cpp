@@ -247,15 +247,15 @@ void IrpTable::Complete(PIRP irp) {
     {
         std::lock_guard lock(mutex_);
         Record &record = Find(irp, kRoutine);
-        const std::string from = "IRP from " + record.place.Text();
+        auto from = [&] { return "IRP from " + record.place.Text(); };
         if (!record.inFlight)
-            Violation("IRP completed twice", kRoutine, from);
+            Violation("IRP completed twice", kRoutine, from());
         if (__atomic_load_n(&irp->CancelRoutine, __ATOMIC_SEQ_CST) != nullptr)
-            Violation("IRP completed with its cancel routine set", kRoutine, from);
+            Violation("IRP completed with its cancel routine set", kRoutine, from());
         if (irp->IoStatus.Status == STATUS_PENDING)
-            Violation("IRP completed with STATUS_PENDING", kRoutine, from);
+            Violation("IRP completed with STATUS_PENDING", kRoutine, from());
         if (irp->CurrentLocation > irp->StackCount + 1)
-            Violation("IRP completed twice", kRoutine, from);
+            Violation("IRP completed twice", kRoutine, from());
         origin = record.origin;
         generation = record.generation;
     }
