@@ -1,6 +1,7 @@
 #include "camera/settings.h"
 
 #include "camera/control.h"
+#include "camera/control_id.h"
 #include "camera/property_set_guids.h"
 #include "platform/counted_string.h"
 #include "platform/pool.h"
@@ -43,13 +44,13 @@ constexpr SettingsEntry kSettings[] = {
     Standard(L"Zoom", PROPSETID_VIDCAP_CAMERACONTROL, KSPROPERTY_CAMERACONTROL_ZOOM),
     Standard(L"Iris", PROPSETID_VIDCAP_CAMERACONTROL, KSPROPERTY_CAMERACONTROL_IRIS),
     Standard(L"Focus", PROPSETID_VIDCAP_CAMERACONTROL, KSPROPERTY_CAMERACONTROL_FOCUS),
-    Private(L"Exposure", PROPSETID_PRIVATE_IMAGE, 109),
-    Private(L"WhiteBalance Green", PROPSETID_PRIVATE_IMAGE, 101),
-    Private(L"WhiteBalance Blue", PROPSETID_PRIVATE_IMAGE, 101),
-    Private(L"WhiteBalance Red", PROPSETID_PRIVATE_IMAGE, 102),
-    Private(L"AutoExposureReference", PROPSETID_PRIVATE_IMAGE, 106),
-    Private(L"AutoExposureMaxValue", PROPSETID_PRIVATE_IMAGE, 201),
-    Private(L"AutoExposureMaxValueAuto", PROPSETID_PRIVATE_IMAGE, 202),
+    Private(L"Exposure", PROPSETID_PRIVATE_IMAGE, kCameraExposureId),
+    Private(L"WhiteBalance Green", PROPSETID_PRIVATE_IMAGE, kWhiteBalanceBlueId),
+    Private(L"WhiteBalance Blue", PROPSETID_PRIVATE_IMAGE, kWhiteBalanceBlueId),
+    Private(L"WhiteBalance Red", PROPSETID_PRIVATE_IMAGE, kWhiteBalanceRedId),
+    Private(L"AutoExposureReference", PROPSETID_PRIVATE_IMAGE, kExposureReferenceId),
+    Private(L"AutoExposureMaxValue", PROPSETID_PRIVATE_IMAGE, kExposureLimitId),
+    Private(L"AutoExposureMaxValueAuto", PROPSETID_PRIVATE_IMAGE, kExposureLimitFollowsCameraId),
     Private(L"ColorMatrixEnable", PROPSETID_PRIVATE_COLORMATRIX, 0),
     Private(L"ColorMatrixConvAlg", PROPSETID_PRIVATE_COLORMATRIX, 10),
     Private(L"ColorMatrix_R_R", PROPSETID_PRIVATE_COLORMATRIX, 1),

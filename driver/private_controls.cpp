@@ -1,5 +1,6 @@
 // Our own property sets of camera controls: image controls and colour matrix. The camera object reads and fills the
 // caller's block itself, since some controls have layouts of their own.
+#include "camera/control_id.h"
 #include "camera/uvc_camera.h"
 #include "driver/property_handlers.h"
 #include "driver/saved_settings.h"
@@ -19,12 +20,16 @@ constexpr BlockLayout kRegister = {kControlRegister, 40, sizeof(KSPROPERTY)};
 constexpr BlockLayout kRegisters = {kControlRegisters, 88, sizeof(KSPROPERTY)};
 constexpr BlockLayout kDefectList = {kControlDefectList, 1028, 0};
 
+// Ids of the colour matrix set that are lists of defective pixels.
+constexpr ULONG kFirstDefectListId = 33;
+constexpr ULONG kLastDefectListId = 35;
+
 const BlockLayout &LayoutOf(ULONG set, ULONG id) {
-    if (set == kPrivateImageSet && id == 122)
+    if (set == kPrivateImageSet && id == kRegisterId)
         return kRegister;
-    if (set == kPrivateImageSet && id == 125)
+    if (set == kPrivateImageSet && id == kRegisterPairId)
         return kRegisters;
-    if (set == kPrivateColourMatrixSet && id >= 33 && id <= 35)
+    if (set == kPrivateColourMatrixSet && id >= kFirstDefectListId && id <= kLastDefectListId)
         return kDefectList;
     return kOrdinary;
 }

@@ -1,4 +1,5 @@
 // The two standard property sets of camera controls.
+#include "camera/control_id.h"
 #include "camera/property_set_guids.h"
 #include "camera/uvc_camera.h"
 #include "driver/property_handlers.h"
@@ -7,8 +8,6 @@
 namespace uvc {
 
 namespace {
-
-constexpr ULONG kImageExposure = 109; // of the private image set, in the camera's own unit
 
 NTSTATUS Get(UvcCamera &camera, ULONG set, PropertyRequest &request) {
     auto *answer = static_cast<ControlValueBlock *>(AnswerBuffer(request, sizeof(ControlValueBlock)));
@@ -29,9 +28,9 @@ NTSTATUS Get(UvcCamera &camera, ULONG set, PropertyRequest &request) {
 void PersistExposure(UvcDevice &device, UvcCamera &camera) {
     ControlExtendedBlock exposure{};
     NTSTATUS status =
-        camera.GetControl(kPrivateImageSet, kImageExposure, kControlExtendedValue, &exposure, sizeof(exposure));
+        camera.GetControl(kPrivateImageSet, kCameraExposureId, kControlExtendedValue, &exposure, sizeof(exposure));
     if (NT_SUCCESS(status))
-        PersistSetting(device, PROPSETID_PRIVATE_IMAGE, kImageExposure, exposure.value, exposure.flags);
+        PersistSetting(device, PROPSETID_PRIVATE_IMAGE, kCameraExposureId, exposure.value, exposure.flags);
 }
 
 NTSTATUS Set(UvcDevice &device, UvcCamera &camera, ULONG set, PropertyRequest &request) {

@@ -1,4 +1,5 @@
 // The video-control property set: external and software trigger, and the frame intervals of a format.
+#include "camera/control_id.h"
 #include "camera/uvc_camera.h"
 #include "driver/property_handlers.h"
 
@@ -6,11 +7,7 @@ namespace uvc {
 
 namespace {
 
-// Of the private image set.
-constexpr ULONG kExternalTrigger = 115;
-constexpr ULONG kSoftwareTrigger = 213;
-
-// Flags of those two controls.
+// Flags of the two trigger controls.
 constexpr ULONG kTriggerFlags = 7;
 constexpr ULONG kTriggerOff = 4;
 constexpr ULONG kTriggerOnce = 8;
@@ -23,7 +20,7 @@ NTSTATUS GetCapabilities(UvcCamera &camera, PropertyRequest &request) {
         return STATUS_INVALID_PARAMETER;
     // The software trigger has always gone without a flag.
     answer->VideoControlCaps =
-        camera.ItemExists(kPrivateImageSet, kExternalTrigger) ? KS_VideoControlFlag_ExternalTriggerEnable : 0;
+        camera.ItemExists(kPrivateImageSet, kExternalTriggerId) ? KS_VideoControlFlag_ExternalTriggerEnable : 0;
     request.information = sizeof(Block);
     return STATUS_SUCCESS;
 }
@@ -36,7 +33,7 @@ NTSTATUS GetMode(UvcCamera &camera, PropertyRequest &request) {
         return STATUS_INVALID_PARAMETER;
     ControlExtendedBlock trigger{};
     NTSTATUS status =
-        camera.GetControl(kPrivateImageSet, kExternalTrigger, kControlExtendedValue, &trigger, sizeof(trigger));
+        camera.GetControl(kPrivateImageSet, kExternalTriggerId, kControlExtendedValue, &trigger, sizeof(trigger));
     if (!NT_SUCCESS(status))
         return status;
     answer->Mode = (trigger.flags & kTriggerOff) == 0 ? KS_VideoControlFlag_ExternalTriggerEnable : 0;
@@ -47,17 +44,17 @@ NTSTATUS GetMode(UvcCamera &camera, PropertyRequest &request) {
 NTSTATUS SwitchTrigger(UvcCamera &camera, bool on) {
     ControlExtendedBlock trigger{};
     NTSTATUS status =
-        camera.GetControl(kPrivateImageSet, kExternalTrigger, kControlExtendedValue, &trigger, sizeof(trigger));
+        camera.GetControl(kPrivateImageSet, kExternalTriggerId, kControlExtendedValue, &trigger, sizeof(trigger));
     if (!NT_SUCCESS(status))
         return status;
     trigger.flags = on ? trigger.flags & ~kTriggerFlags : trigger.flags | kTriggerOff;
-    return camera.SetControl(kPrivateImageSet, kExternalTrigger, kControlExtendedValue, &trigger, sizeof(trigger));
+    return camera.SetControl(kPrivateImageSet, kExternalTriggerId, kControlExtendedValue, &trigger, sizeof(trigger));
 }
 
 NTSTATUS TriggerOnce(UvcCamera &camera) {
     ControlExtendedBlock trigger{};
     trigger.flags = kTriggerOnce;
-    return camera.SetControl(kPrivateImageSet, kSoftwareTrigger, kControlExtendedValue, &trigger, sizeof(trigger));
+    return camera.SetControl(kPrivateImageSet, kSoftwareTriggerId, kControlExtendedValue, &trigger, sizeof(trigger));
 }
 
 // The status is that of the last write. A camera without external trigger has it off already.
@@ -69,7 +66,7 @@ NTSTATUS SetMode(UvcCamera &camera, PropertyRequest &request) {
     const LONG mode = setting->Mode;
     const bool on = (mode & KS_VideoControlFlag_ExternalTriggerEnable) != 0;
     NTSTATUS status = on ? STATUS_NOT_IMPLEMENTED : STATUS_SUCCESS;
-    if (camera.ItemExists(kPrivateImageSet, kExternalTrigger))
+    if (camera.ItemExists(kPrivateImageSet, kExternalTriggerId))
         status = SwitchTrigger(camera, on);
     if ((mode & KS_VideoControlFlag_Trigger) != 0)
         status = TriggerOnce(camera);
