@@ -65,6 +65,7 @@ int main(int argc, char **argv) {
     argv[argc] = nullptr;
 
     bench::RegisterImaging();
+    bench::RegisterAutomatics();
     bench::RegisterAssembly();
     bench::RegisterEndToEnd();
     if (peers)

@@ -13,6 +13,7 @@ struct Size {
 inline constexpr Size kSizes[] = {{640, 480}, {1280, 960}, {2592, 1944}};
 
 void RegisterImaging();
+void RegisterAutomatics();
 void RegisterAssembly();
 void RegisterEndToEnd();
 
