@@ -7,6 +7,13 @@ namespace uvc {
 
 CameraFamilyA::CameraFamilyA(PDEVICE_OBJECT device, FrameSink *sink) : UvcCamera(device, sink) {
     familyFlag_ = 1;
+    for (ULONG i = 0; i < kFamilyAProviders; ++i)
+        familyProviders_[i].Offer(FamilyAControls(i));
+}
+
+CameraFamilyA::~CameraFamilyA() {
+    for (StatelessProvider &provider : familyProviders_)
+        provider.Destroy(0);
 }
 
 void CameraFamilyA::Destroy(ULONG flags) {
@@ -51,6 +58,13 @@ NTSTATUS CameraFamilyA::GetParameter(ULONG id, ULONG &value) {
     default:
         return UvcCamera::GetParameter(id, value);
     }
+}
+
+NTSTATUS CameraFamilyA::CreateControls() {
+    NTSTATUS status = UvcCamera::CreateControls();
+    for (ULONG i = 0; NT_SUCCESS(status) && i < kFamilyAProviders; ++i)
+        status = RegisterProvider(familyProviders_[i]);
+    return status;
 }
 
 } // namespace uvc

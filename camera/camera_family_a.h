@@ -1,6 +1,7 @@
 // Product 0x8101: a UVC camera with a few vendor settings. Its images go to the application as they come.
 #pragma once
 
+#include "camera/family_a_controls.h"
 #include "camera/uvc_camera.h"
 
 namespace uvc {
@@ -16,9 +17,13 @@ class CameraFamilyA : public UvcCamera {
     bool IsParameterSupported(ULONG id) override;
     NTSTATUS SetParameter(ULONG id, ULONG value) override;
     NTSTATUS GetParameter(ULONG id, ULONG &value) override;
+    NTSTATUS CreateControls() override;
 
   protected:
-    ~CameraFamilyA() = default;
+    ~CameraFamilyA();
+
+  private:
+    StatelessProvider familyProviders_[kFamilyAProviders];
 };
 
 } // namespace uvc

@@ -34,6 +34,9 @@ enum ControlRequestKind : ULONG {
 // Flags and capabilities, as in the video property sets.
 enum ControlFlag : ULONG { kControlAutomatic = 1, kControlManual = 2 };
 
+// Flags of the trigger controls: of the external trigger when it is off, and of the software trigger to make it fire.
+enum TriggerFlag : ULONG { kTriggerOff = 4, kTriggerOnce = 8 };
+
 struct ControlValueBlock {
     KSPROPERTY property;
     LONG value;
@@ -100,7 +103,7 @@ class PropertyProvider {
     PropertyProvider(const PropertyProvider &) = delete;
     PropertyProvider &operator=(const PropertyProvider &) = delete;
 
-    // Bit 0 of the flags frees the memory.
+    // Leaves a provider without items; bit 0 of the flags frees its memory.
     virtual void Destroy(ULONG flags);
     // The row of the provider's table, or null.
     virtual const ControlItem *FindItem(ULONG set, ULONG id);
@@ -112,14 +115,13 @@ class PropertyProvider {
   protected:
     ~PropertyProvider() = default;
 
-  private:
     std::span<const ControlItem> items_;
 };
 
 // A provider that has a table of items and no state. Embedded in its camera.
 class StatelessProvider final : public PropertyProvider {
   public:
-    using PropertyProvider::PropertyProvider;
+    void Offer(std::span<const ControlItem> items) { items_ = items; }
 };
 
 // The row of a table, or null.
