@@ -7,10 +7,8 @@ namespace uvc {
 
 namespace {
 
-// Flags of the two trigger controls.
+// Flags of the external trigger that a change of the switch clears.
 constexpr ULONG kTriggerFlags = 7;
-constexpr ULONG kTriggerOff = 4;
-constexpr ULONG kTriggerOnce = 8;
 
 NTSTATUS GetCapabilities(UvcCamera &camera, PropertyRequest &request) {
     using Block = KSPROPERTY_VIDEOCONTROL_CAPS_S;
