@@ -1,0 +1,187 @@
+#include "apps/uvcam/control_table.h"
+
+#include "apps/uvcam/exit_code.h"
+
+#include <algorithm>
+#include <cctype>
+#include <numeric>
+#include <vector>
+
+namespace uvcam {
+
+namespace {
+
+using host::client::kCameraControlSet;
+using host::client::kColourMatrixSet;
+using host::client::kPrivateImageSet;
+using host::client::kVideoProcAmpSet;
+
+constexpr Inactivity kBalanced = {.other = "WhiteBalance", .state = Inactivity::Automatic};
+constexpr Inactivity kNoMatrix = {.other = "ColorMatrixEnable", .state = Inactivity::Off};
+constexpr const char *kMatrixUnit = "1/64";
+constexpr const char *kExposureUnit = "100 us";
+constexpr const char *kPixels = "px";
+
+constexpr ControlRow VideoProcAmp(const char *name, ULONG id, const char *unit = "",
+                                  ControlKind kind = ControlKind::Number) {
+    return {.name = name, .control = {kVideoProcAmpSet, id}, .kind = kind, .unit = unit};
+}
+
+constexpr ControlRow Camera(const char *name, ULONG id, const char *unit = "") {
+    return {.name = name, .control = {kCameraControlSet, id}, .unit = unit};
+}
+
+constexpr ControlRow Image(const char *name, ULONG id, const char *unit = "", ControlKind kind = ControlKind::Number,
+                           Inactivity inactive = {}, Inactivity alsoInactive = {}) {
+    return {.name = name,
+            .control = {kPrivateImageSet, id},
+            .kind = kind,
+            .unit = unit,
+            .inactive = {inactive, alsoInactive}};
+}
+
+constexpr ControlRow Matrix(const char *name, ULONG id, const char *unit = "", ControlKind kind = ControlKind::Number,
+                            Inactivity inactive = {}) {
+    return {.name = name, .control = {kColourMatrixSet, id}, .kind = kind, .unit = unit, .inactive = {inactive}};
+}
+
+// Units are those of UVC 1.1. Gain, zoom and focus have none there that our cameras keep to.
+constexpr ControlRow kRows[] = {
+    VideoProcAmp("Brightness", KSPROPERTY_VIDEOPROCAMP_BRIGHTNESS),
+    VideoProcAmp("Contrast", KSPROPERTY_VIDEOPROCAMP_CONTRAST),
+    VideoProcAmp("Hue", KSPROPERTY_VIDEOPROCAMP_HUE, "0.01 degree"),
+    VideoProcAmp("Saturation", KSPROPERTY_VIDEOPROCAMP_SATURATION),
+    VideoProcAmp("Sharpness", KSPROPERTY_VIDEOPROCAMP_SHARPNESS),
+    VideoProcAmp("Gamma", KSPROPERTY_VIDEOPROCAMP_GAMMA, "0.01"),
+    VideoProcAmp("ColorEnable", KSPROPERTY_VIDEOPROCAMP_COLORENABLE, "", ControlKind::Switch),
+    VideoProcAmp("WhiteBalance", KSPROPERTY_VIDEOPROCAMP_WHITEBALANCE, "K"),
+    VideoProcAmp("BacklightCompensation", KSPROPERTY_VIDEOPROCAMP_BACKLIGHT_COMPENSATION),
+    VideoProcAmp("Gain", KSPROPERTY_VIDEOPROCAMP_GAIN),
+    VideoProcAmp("DigitalMultiplier", KSPROPERTY_VIDEOPROCAMP_DIGITAL_MULTIPLIER),
+    VideoProcAmp("DigitalMultiplierLimit", KSPROPERTY_VIDEOPROCAMP_DIGITAL_MULTIPLIER_LIMIT),
+    VideoProcAmp("PowerLineFrequency", KSPROPERTY_VIDEOPROCAMP_POWERLINE_FREQUENCY),
+
+    Camera("Pan", KSPROPERTY_CAMERACONTROL_PAN, "arc second"),
+    Camera("Tilt", KSPROPERTY_CAMERACONTROL_TILT, "arc second"),
+    Camera("Roll", KSPROPERTY_CAMERACONTROL_ROLL, "degree"),
+    Camera("Zoom", KSPROPERTY_CAMERACONTROL_ZOOM),
+    Camera("ExposureLog2", KSPROPERTY_CAMERACONTROL_EXPOSURE, "log2 s"),
+    Camera("Iris", KSPROPERTY_CAMERACONTROL_IRIS, "0.01 f-stop"),
+    Camera("Focus", KSPROPERTY_CAMERACONTROL_FOCUS),
+    Camera("ScanMode", KSPROPERTY_CAMERACONTROL_SCANMODE),
+    Camera("Privacy", KSPROPERTY_CAMERACONTROL_PRIVACY),
+    Camera("PanRelative", KSPROPERTY_CAMERACONTROL_PAN_RELATIVE),
+    Camera("TiltRelative", KSPROPERTY_CAMERACONTROL_TILT_RELATIVE),
+    Camera("RollRelative", KSPROPERTY_CAMERACONTROL_ROLL_RELATIVE),
+    Camera("ZoomRelative", KSPROPERTY_CAMERACONTROL_ZOOM_RELATIVE),
+    Camera("ExposureRelative", KSPROPERTY_CAMERACONTROL_EXPOSURE_RELATIVE),
+    Camera("IrisRelative", KSPROPERTY_CAMERACONTROL_IRIS_RELATIVE),
+    Camera("FocusRelative", KSPROPERTY_CAMERACONTROL_FOCUS_RELATIVE),
+
+    // The registry keeps 101, the gain of blue, under "WhiteBalance Green" as well; people get what the names say.
+    Image("WhiteBalance Blue", 101, "", ControlKind::Number, kBalanced),
+    Image("WhiteBalance Red", 102, "", ControlKind::Number, kBalanced),
+    Image("WhiteBalance Green", 206, "", ControlKind::Number, kBalanced),
+    Image("WhiteBalanceOnePush", 107, "", ControlKind::Action),
+    Image("WhiteBalanceGainsEnable", 212, "", ControlKind::Switch),
+    Image("AutoExposureReference", 106),
+    Image("AutoExposureMaxValue", 201, kExposureUnit, ControlKind::Number,
+          {.other = "AutoExposureMaxValueAuto", .state = Inactivity::On},
+          {.other = "Exposure", .state = Inactivity::Manual}),
+    Image("AutoExposureMaxValueAuto", 202, "", ControlKind::Switch),
+    Image("Exposure", 109, kExposureUnit),
+    Image("ExternalTrigger", 115, "", ControlKind::Trigger),
+    Image("SoftwareTrigger", 213, "", ControlKind::Pulse, {.other = "ExternalTrigger", .state = Inactivity::Off}),
+    Image("FocusOnePush", 124, "", ControlKind::Action),
+    Image("HorizontalOffset", 118, kPixels),
+    Image("VerticalOffset", 119, kPixels),
+    Image("Binning", 211),
+    Image("GreenSmoothing", 210, "", ControlKind::Switch),
+    Image("GeneralRegister", 122),
+    Image("GeneralRegisters", 125),
+    Image("GeneralValue1", 203),
+    Image("GeneralValue2", 204),
+    Image("GeneralValue3", 205),
+    Image("Register1", 214),
+    Image("Register2", 215),
+    Image("Register3", 216),
+    Image("Register4", 226),
+    Image("Register5", 227),
+    Image("Register6", 228),
+    Image("Register7", 229),
+
+    Matrix("ColorMatrixEnable", 0, "", ControlKind::Switch),
+    Matrix("ColorMatrix_R_R", 1, kMatrixUnit, ControlKind::Number, kNoMatrix),
+    Matrix("ColorMatrix_R_G", 2, kMatrixUnit, ControlKind::Number, kNoMatrix),
+    Matrix("ColorMatrix_R_B", 3, kMatrixUnit, ControlKind::Number, kNoMatrix),
+    Matrix("ColorMatrix_G_R", 4, kMatrixUnit, ControlKind::Number, kNoMatrix),
+    Matrix("ColorMatrix_G_G", 5, kMatrixUnit, ControlKind::Number, kNoMatrix),
+    Matrix("ColorMatrix_G_B", 6, kMatrixUnit, ControlKind::Number, kNoMatrix),
+    Matrix("ColorMatrix_B_R", 7, kMatrixUnit, ControlKind::Number, kNoMatrix),
+    Matrix("ColorMatrix_B_G", 8, kMatrixUnit, ControlKind::Number, kNoMatrix),
+    Matrix("ColorMatrix_B_B", 9, kMatrixUnit, ControlKind::Number, kNoMatrix),
+    Matrix("ColorMatrixConvAlg", 10),
+    Matrix("ColorMatrixReset", 11, "", ControlKind::Action),
+    Matrix("BayerPattern", 12),
+    Matrix("DefectCorrection", 32, "", ControlKind::Switch),
+};
+// All items of the four sets but the three lists of defective pixels (33 to 35 of the colour matrix).
+static_assert(std::size(kRows) == 13 + 16 + 28 + 17 - 3);
+
+std::string Plain(std::string_view name) {
+    std::string plain;
+    for (const char character : name) {
+        if (std::isalnum(static_cast<unsigned char>(character)) != 0)
+            plain += static_cast<char>(std::tolower(static_cast<unsigned char>(character)));
+    }
+    return plain;
+}
+
+// How many letters to change, add or leave out to make one text of the other.
+std::size_t Distance(const std::string &from, const std::string &to) {
+    std::vector<std::size_t> row(to.size() + 1);
+    std::iota(row.begin(), row.end(), 0u);
+    for (std::size_t i = 0; i < from.size(); ++i) {
+        std::size_t diagonal = row[0]++;
+        for (std::size_t j = 0; j < to.size(); ++j) {
+            const std::size_t changed = diagonal + (from[i] != to[j] ? 1 : 0);
+            diagonal = row[j + 1];
+            row[j + 1] = std::min({changed, row[j] + 1, row[j + 1] + 1});
+        }
+    }
+    return row.back();
+}
+
+} // namespace
+
+std::span<const ControlRow> ControlTable() {
+    return kRows;
+}
+
+const ControlRow *FindControl(std::string_view name) {
+    const std::string plain = Plain(name);
+    const auto found = std::ranges::find_if(kRows, [&](const ControlRow &row) { return Plain(row.name) == plain; });
+    return found != std::end(kRows) ? found : nullptr;
+}
+
+const ControlRow &RequireControl(std::string_view name) {
+    if (const ControlRow *row = FindControl(name))
+        return *row;
+    const std::string plain = Plain(name);
+    const auto nearest =
+        std::ranges::min_element(kRows, {}, [&](const ControlRow &row) { return Distance(plain, Plain(row.name)); });
+    std::string message = "no control is named \"" + std::string(name) + "\"";
+    if (Distance(plain, Plain(nearest->name)) <= std::max<std::size_t>(2, plain.size() / 3))
+        message += "; did you mean " + std::string(nearest->name) + "?";
+    throw Failure(ExitCode::Usage, message);
+}
+
+const char *SetNameOf(const ControlRow &row) {
+    const GUID &set = row.control.set;
+    return IsEqualGUID(set, kVideoProcAmpSet)    ? "PROPSETID_VIDCAP_VIDEOPROCAMP"
+           : IsEqualGUID(set, kCameraControlSet) ? "PROPSETID_VIDCAP_CAMERACONTROL"
+           : IsEqualGUID(set, kPrivateImageSet)  ? "PROPSETID_PRIVATE_IMAGE"
+                                                 : "PROPSETID_PRIVATE_COLORMATRIX";
+}
+
+} // namespace uvcam
