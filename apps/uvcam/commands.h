@@ -2,10 +2,13 @@
 // stderr.
 #pragma once
 
+#include "apps/uvcam/stream.h"
+
 #include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace uvcam {
 
@@ -16,20 +19,14 @@ void List(const ListOptions &options);
 
 struct FormatsOptions {
     std::string camera;
+    std::string settings; // here and below: the file that keeps them; empty: the user's own
     bool json = false;
 };
 void Formats(const FormatsOptions &options);
 
-struct Size {
-    int width = 0;
-    int height = 0;
-};
-
 struct CaptureOptions {
     std::string camera;
-    std::string format; // empty: the camera's first
-    std::optional<Size> size;
-    std::optional<double> framesPerSecond;
+    StreamOptions stream;
     unsigned frames = 1;
     std::string output; // pattern, "-", or empty
     std::string scene;
@@ -41,6 +38,48 @@ struct CaptureOptions {
     bool json = false;
 };
 void Capture(const CaptureOptions &options);
+
+// Every control that the camera has.
+struct ControlsOptions {
+    std::string camera;
+    std::string settings;
+    bool json = false;
+};
+void Controls(const ControlsOptions &options);
+
+struct GetOptions {
+    std::string camera;
+    std::string settings;
+    std::vector<std::string> names;
+};
+void Get(const GetOptions &options);
+
+struct SetOptions {
+    std::string camera;
+    std::string settings;
+    std::vector<std::string> assignments; // NAME=VALUE
+};
+void Set(const SetOptions &options);
+
+struct InfoOptions {
+    std::string camera;
+    std::string settings;
+    bool json = false;
+};
+void Info(const InfoOptions &options);
+
+// What the automatics do, frame by frame.
+struct MonitorOptions {
+    std::string camera;
+    StreamOptions stream;
+    unsigned frames = 0; // 0: until interrupted
+    std::string scene;
+    bool freeRun = false;
+    std::string settings;
+    std::vector<std::string> assignments; // set before the stream starts
+    bool json = false;
+};
+void Monitor(const MonitorOptions &options);
 
 // Raw bytes to raw bytes through the driver's imaging; rows are packed.
 struct ConvertOptions {

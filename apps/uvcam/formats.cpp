@@ -22,7 +22,7 @@ bool IsTemplate(const KS_DATARANGE_VIDEO &range) {
 } // namespace
 
 void Formats(const FormatsOptions &options) {
-    Session session({.camera = options.camera});
+    Session session({.camera = options.camera, .settings = options.settings});
     std::vector<KS_DATARANGE_VIDEO> ranges;
     session.Require(session.Filter().DataRanges(0, ranges), "cannot ask for formats");
     if (std::any_of(ranges.begin(), ranges.end(), IsTemplate))

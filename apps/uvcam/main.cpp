@@ -12,6 +12,8 @@ namespace {
 
 using namespace uvcam;
 
+constexpr const char *kSettingsHelp =
+    "file that keeps the settings between runs (default: uvcam/settings.json in XDG_STATE_HOME or ~/.local/state)";
 constexpr const char *kCameraHelp = "sim:NAME[,option=value...] or file:DEVICE.bin,CONFIG.bin; see `uvcam list`";
 
 // "640x480"; throws what CLI11 reports as a usage error.
@@ -51,18 +53,71 @@ void AddList(CLI::App &app, ListOptions &options) {
 void AddFormats(CLI::App &app, FormatsOptions &options) {
     CLI::App *formats = app.add_subcommand("formats", "formats, sizes and frame rates that a camera offers");
     formats->add_option("camera", options.camera, kCameraHelp)->required();
+    formats->add_option("--settings", options.settings, kSettingsHelp);
     formats->add_flag("--json", options.json, "as JSON");
     formats->final_callback([&options] { Formats(options); });
+}
+
+void AddStream(CLI::App &command, StreamOptions &options) {
+    command.add_option("--format", options.format, "RGB3, RGB4, Y800, BY8, YUY2, ... (default: the camera's first)");
+    command.add_option_function<std::string>(
+        "--size", [&options](const std::string &text) { options.size = ParseSize(text); },
+        "WIDTHxHEIGHT (default: the format's first)");
+    command.add_option("--fps", options.framesPerSecond, "frames per second")->check(CLI::Range(0.01, 10000.0));
+}
+
+void AddControls(CLI::App &app, ControlsOptions &options) {
+    CLI::App *controls = app.add_subcommand("controls", "every control: value, range, default, mode");
+    controls->add_option("camera", options.camera, kCameraHelp)->required();
+    controls->add_option("--settings", options.settings, kSettingsHelp);
+    controls->add_flag("--json", options.json, "as JSON");
+    controls->final_callback([&options] { Controls(options); });
+}
+
+void AddGet(CLI::App &app, GetOptions &options) {
+    CLI::App *get = app.add_subcommand("get", "values of controls");
+    get->add_option("camera", options.camera, kCameraHelp)->required();
+    get->add_option("names", options.names, "as `uvcam controls` names them, such as Exposure")->required();
+    get->add_option("--settings", options.settings, kSettingsHelp);
+    get->final_callback([&options] { Get(options); });
+}
+
+constexpr const char *kAssignmentHelp = "NAME=VALUE, NAME=auto, NAME=manual, NAME=on or NAME=off";
+
+void AddSet(CLI::App &app, SetOptions &options) {
+    CLI::App *set = app.add_subcommand("set", "set controls, one after the other, and print what they then are");
+    set->add_option("camera", options.camera, kCameraHelp)->required();
+    set->add_option("assignments", options.assignments, kAssignmentHelp)->required();
+    set->add_option("--settings", options.settings, kSettingsHelp);
+    set->final_callback([&options] { Set(options); });
+}
+
+void AddInfo(CLI::App &app, InfoOptions &options) {
+    CLI::App *info = app.add_subcommand("info", "vendor, product, serial number, firmware, driver and its parameters");
+    info->add_option("camera", options.camera, kCameraHelp)->required();
+    info->add_option("--settings", options.settings, kSettingsHelp);
+    info->add_flag("--json", options.json, "as JSON");
+    info->final_callback([&options] { Info(options); });
+}
+
+void AddMonitor(CLI::App &app, MonitorOptions &options) {
+    CLI::App *monitor = app.add_subcommand("monitor", "what the automatics do, a line for every frame");
+    monitor->add_option("camera", options.camera, kCameraHelp)->required();
+    AddStream(*monitor, options.stream);
+    monitor->add_option("--frames", options.frames, "how many frames (default: until Ctrl-C)")
+        ->check(CLI::Range(1u, 1000000000u));
+    monitor->add_option("--scene", options.scene, "a PNG for a simulated camera to look at");
+    monitor->add_flag("--free-run", options.freeRun, "as fast as frames are taken, not at the frame rate");
+    monitor->add_option("--set", options.assignments, std::string("before the stream starts: ") + kAssignmentHelp);
+    monitor->add_option("--settings", options.settings, kSettingsHelp);
+    monitor->add_flag("--json", options.json, "one JSON object a line");
+    monitor->final_callback([&options] { Monitor(options); });
 }
 
 void AddCapture(CLI::App &app, CaptureOptions &options) {
     CLI::App *capture = app.add_subcommand("capture", "capture frames into files or to stdout");
     capture->add_option("camera", options.camera, kCameraHelp)->required();
-    capture->add_option("--format", options.format, "RGB3, RGB4, Y800, BY8, YUY2, ... (default: the camera's first)");
-    capture->add_option_function<std::string>(
-        "--size", [&options](const std::string &text) { options.size = ParseSize(text); },
-        "WIDTHxHEIGHT (default: the format's first)");
-    capture->add_option("--fps", options.framesPerSecond, "frames per second")->check(CLI::Range(0.01, 10000.0));
+    AddStream(*capture, options.stream);
     capture->add_option("--frames", options.frames, "how many frames")->check(CLI::Range(1u, 1000000000u));
     capture->add_option("--output", options.output, "frame-%04d.png (.ppm, .pgm, .raw), or - for raw frames on stdout");
     capture->add_option("--scene", options.scene, "a PNG for a simulated camera to look at");
@@ -71,7 +126,7 @@ void AddCapture(CLI::App &app, CaptureOptions &options) {
     capture->add_option(
         "--fault", options.faults,
         "pool:N irp:N mdl:N workitem:N thread:N (N+: and later) usb:N=stall|hang|short|babble|gone|delay");
-    capture->add_option("--settings", options.settings, "file that keeps the settings between runs");
+    capture->add_option("--settings", options.settings, kSettingsHelp);
     // A bus with a small limit makes the driver assemble payloads out of several transfers.
     capture->add_option("--max-transfer", options.maximumTransfer)->check(CLI::Range(512u, 0x10000000u))->group("");
     capture->add_flag("--json", options.json, "frames and summary as JSON");
@@ -109,11 +164,21 @@ int main(int argc, char **argv) {
     app.require_subcommand(1);
     ListOptions list;
     FormatsOptions formats;
+    ControlsOptions controls;
+    GetOptions get;
+    SetOptions set;
+    InfoOptions info;
     CaptureOptions capture;
+    MonitorOptions monitor;
     ConvertOptions convert;
     AddList(app, list);
     AddFormats(app, formats);
+    AddInfo(app, info);
+    AddControls(app, controls);
+    AddGet(app, get);
+    AddSet(app, set);
     AddCapture(app, capture);
+    AddMonitor(app, monitor);
     AddConvert(app, convert);
 
     try {

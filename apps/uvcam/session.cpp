@@ -1,14 +1,9 @@
 #include "apps/uvcam/session.h"
 
 #include "apps/uvcam/exit_code.h"
+#include "apps/uvcam/settings_file.h"
 
-#include "host/executive/registry.h"
-#include "host/executive/registry_file.h"
-
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
-#include <unistd.h>
 
 extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath);
 
@@ -31,28 +26,10 @@ std::shared_ptr<host::cameras::SimulatedCamera> FindCamera(const SessionOptions 
     return camera;
 }
 
-// The runtime takes an unusable registry file for a broken machine and stops. A person's slip deserves better.
-void CheckSettings(const std::string &path) {
-    if (path.empty())
-        return;
-    if (std::filesystem::is_directory(path))
-        throw Failure(ExitCode::Failed, "--settings " + path + ": is a folder");
-    host::RegistryKey registry;
-    std::string reason;
-    if (!host::ReadRegistryFile(path, registry, reason))
-        throw Failure(ExitCode::Failed, "--settings " + path + ": " + reason);
-    // The file is replaced as a whole, by a new one in its folder.
-    const std::filesystem::path folder = std::filesystem::absolute(path).parent_path();
-    if (access(folder.c_str(), W_OK | X_OK) != 0)
-        throw Failure(errno == EACCES ? ExitCode::Permission : ExitCode::Failed,
-                      "--settings " + path + ": cannot write: " + std::strerror(errno));
-}
-
 host::client::ComputerOptions Boot(const SessionOptions &options) {
-    CheckSettings(options.settings);
     host::client::ComputerOptions boot;
     boot.runtime.clock = host::ClockKind::Real;
-    boot.runtime.registryFile = options.settings;
+    boot.runtime.registryFile = SettingsFile(options.settings);
     boot.runtime.onDebugPrint = PrintDriverText;
     if (options.maximumTransfer)
         boot.plug.maximumTransferSize = *options.maximumTransfer;
@@ -68,7 +45,7 @@ host::client::ComputerOptions Boot(const SessionOptions &options) {
 
 } // namespace
 
-Session::Session(const SessionOptions &options) : name_(options.camera) {
+Session::Session(const SessionOptions &options) : name_(options.camera), freeRun_(options.freeRun) {
     const host::client::ComputerOptions boot = Boot(options); // a bad plan is a usage error, whatever the camera
     camera_ = FindCamera(options);
     computer_ = std::make_unique<host::client::Computer>(DriverEntry, boot);

@@ -15,7 +15,7 @@ struct SessionOptions {
     std::string camera;
     std::string scene;                    // a PNG, or empty
     std::string faults;                   // a fault plan, or empty
-    std::string settings;                 // a registry file, or empty
+    std::string settings;                 // a registry file; empty: the user's own, where there is a place for it
     std::optional<ULONG> maximumTransfer; // of the bus, in bytes
     bool freeRun = false;
 };
@@ -30,11 +30,14 @@ class Session {
     // Throws Failure when the camera is gone.
     void RequireConnected(const std::string &when);
 
+    const std::string &Name() const { return name_; }
     host::client::Filter &Filter() { return filter_; }
     host::cameras::SimulatedCamera &Camera() { return *camera_; }
+    bool IsFreeRunning() const { return freeRun_; }
 
   private:
     const std::string name_;
+    const bool freeRun_;
     std::shared_ptr<host::cameras::SimulatedCamera> camera_;
     std::unique_ptr<host::client::Computer> computer_;
     host::client::Filter filter_; // closes before the computer goes
