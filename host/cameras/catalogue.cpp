@@ -88,6 +88,27 @@ constexpr Option kOptions[] = {
      [](std::string_view value, CameraOptions &options) {
          return ReadNumber(value, 0, 1000, options.sensor.surroundings.sharpAt);
      }},
+    {"scene", "chart, flat, grey or a PNG's path",
+     [](std::string_view value, CameraOptions &options) {
+         options.scene = value;
+         return !value.empty();
+     }},
+    {"store", "empty, corrupt or a file's path",
+     [](std::string_view value, CameraOptions &options) {
+         options.store = value;
+         return !value.empty();
+     }},
+    {"stall", "ENTITY:SELECTOR",
+     [](std::string_view value, CameraOptions &options) {
+         const std::size_t colon = std::min(value.find(':'), value.size());
+         unsigned entity = 0;
+         unsigned selector = 0;
+         if (!ReadNumber(value.substr(0, colon), 1u, 255u, entity) ||
+             !ReadNumber(value.substr(std::min(colon + 1, value.size())), 1u, 255u, selector))
+             return false;
+         options.brokenControls.emplace_back(static_cast<std::uint8_t>(entity), static_cast<std::uint8_t>(selector));
+         return true;
+     }},
 };
 
 std::vector<std::string_view> Split(std::string_view text) {
@@ -134,14 +155,37 @@ bool ReadFile(const std::string &path, std::vector<std::uint8_t> &bytes, std::st
     return true;
 }
 
-std::shared_ptr<SimulatedCamera> MakeModel(const Model &model, const CameraOptions &options) {
+bool FillStore(SimulatedCamera &camera, const std::string &store, std::string &reason) {
+    std::vector<std::uint8_t> bytes;
+    if (store == "corrupt") {
+        constexpr std::size_t kChecksum = 12;
+        bytes = EncodeDefectLists(camera.DefectLists());
+        bytes[kChecksum] ^= 1;
+    } else if (store != "empty" && !ReadFile(store, bytes, reason)) {
+        return false;
+    }
+    camera.SetUserData(bytes);
+    return true;
+}
+
+// Null, with a reason, when what the options name cannot be read.
+std::shared_ptr<SimulatedCamera> Build(CameraBody body, const CameraOptions &options, std::string &reason) {
+    auto camera = std::make_shared<SimulatedCamera>(std::move(body), options);
+    if (!options.scene.empty() && !camera->SetScene(options.scene, reason))
+        return nullptr;
+    if (!options.store.empty() && !FillStore(*camera, options.store, reason))
+        return nullptr;
+    return camera;
+}
+
+std::shared_ptr<SimulatedCamera> MakeModel(const Model &model, const CameraOptions &options, std::string &reason) {
     CameraBody body;
     body.model = model;
     body.highSpeed = true;
     body.device = BuildDeviceDescriptor(model);
     body.configuration = BuildConfigurationDescriptor(model, options.highSpeed.value_or(true));
     body.strings = {std::string(model.manufacturer), std::string(model.product), std::string(model.serial)};
-    return std::make_shared<SimulatedCamera>(std::move(body), options);
+    return Build(std::move(body), options, reason);
 }
 
 std::shared_ptr<SimulatedCamera> MakeFromFiles(std::span<const std::string_view> paths, const CameraOptions &options,
@@ -172,7 +216,8 @@ std::shared_ptr<SimulatedCamera> MakeCamera(std::string_view text, std::string &
     if (text.starts_with("sim:")) {
         const Model *model = FindModel(parts[0].substr(4));
         if (model != nullptr)
-            return ReadOptions(std::span(parts).subspan(1), options, reason) ? MakeModel(*model, options) : nullptr;
+            return ReadOptions(std::span(parts).subspan(1), options, reason) ? MakeModel(*model, options, reason)
+                                                                             : nullptr;
     } else if (text.starts_with("file:")) {
         if (parts.size() < 2) {
             reason = "a camera from files is file:DEVICE.bin,CONFIG.bin";
@@ -210,6 +255,7 @@ std::shared_ptr<SimulatedCamera> MakeCamera(std::vector<std::uint8_t> device, st
     model.colour = true;
     model.sensorWidth = 1280;
     model.sensorHeight = 960;
+    model.binning = true;
     model.payloadSize = 32768;
 
     // The texts that the device names by its own indexes; other indexes answer with their number.
@@ -235,7 +281,7 @@ std::shared_ptr<SimulatedCamera> MakeCamera(std::vector<std::uint8_t> device, st
     body.highSpeed = bcdUsb >= 0x0200;
     body.device = std::move(device);
     body.configuration = std::move(configuration);
-    return std::make_shared<SimulatedCamera>(std::move(body), options);
+    return Build(std::move(body), options, reason);
 }
 
 } // namespace host::cameras

@@ -11,11 +11,16 @@
 //   seed=N          of noise and defects (default 1)
 //   noise=SIGMA     standard deviation of the noise in levels (default 0)
 //   mark=on         the frame number as black and white cells at the top left
-//   defects=N       number of stuck pixels
-//   latency=N       exposures before a new exposure time, gain or focus shows (default 1)
+//   defects=N       number of stuck pixels; a camera with a user-data store is shipped with the lists of them
+//   latency=N       exposures before a new exposure time, gain, offset or binning shows (default 1)
 //   light=FACTOR    brightness of the scene (default 1)
 //   kelvin=K        colour temperature of the light, 1500 to 15000 (default 5500: neutral)
 //   sharp=POSITION  focus position at which the scene is sharp (default 500)
+//   scene=SCENE     chart (default), flat (a grey of 128 all over), grey (the chart without its colours), or a PNG's
+//   path store=STORE     the user-data store: empty, corrupt (lists with a wrong checksum) or a file with its first
+//   bytes stall=E:S       control S of entity E (1 camera terminal, 2 processing unit, 3 extension unit) stalls
+//   GET_INFO and
+//                   GET_CUR; may be given for several
 #pragma once
 
 #include "host/cameras/simulated_camera.h"

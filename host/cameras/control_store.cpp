@@ -9,75 +9,40 @@ namespace {
 using usb::TransferResult;
 using usb::TransferStatus;
 
-enum Request : std::uint8_t {
-    kSetCur = 0x01,
-    kGetCur = 0x81,
-    kGetMin = 0x82,
-    kGetMax = 0x83,
-    kGetRes = 0x84,
-    kGetLen = 0x85,
-    kGetInfo = 0x86,
-    kGetDef = 0x87,
-};
-
 // Values of VC_REQUEST_ERROR_CODE_CONTROL.
 enum Error : std::uint8_t { kNone = 0, kOutOfRange = 4, kInvalidUnit = 5, kInvalidControl = 6, kInvalidRequest = 7 };
 
 constexpr std::uint8_t kErrorCodeSelector = 2;
 
-constexpr CameraControl Ranged(std::uint8_t selector, std::uint8_t width, std::int64_t minimum, std::int64_t maximum,
-                               std::int64_t defaultValue, bool isSigned = false) {
-    return {.selector = selector,
-            .width = width,
-            .isSigned = isSigned,
-            .minimum = minimum,
-            .maximum = maximum,
-            .defaultValue = defaultValue};
-}
-
-constexpr CameraControl Switch(std::uint8_t selector, std::int64_t defaultValue = 0) {
-    return {.selector = selector, .hasRange = false, .defaultValue = defaultValue};
-}
-
-// Bits `offered` of one byte, exactly one of which is set.
-constexpr CameraControl Choice(std::uint8_t selector, std::int64_t offered, std::int64_t defaultValue) {
-    return {.selector = selector,
-            .hasRange = false,
-            .maximum = offered,
-            .resolution = offered,
-            .defaultValue = defaultValue};
-}
-
-constexpr CameraControl Lanes(CameraControl control, std::uint8_t lanes) {
-    control.lanes = lanes;
-    return control;
-}
+// Bits of GET_INFO.
+constexpr std::uint8_t kSupportsGet = 1;
+constexpr std::uint8_t kSupportsSet = 2;
 
 constexpr CameraControl kTerminalControls[] = {
-    Switch(1),                                       // scanning mode
-    Choice(2, 0x03, 0x01),                           // exposure mode: manual or automatic
-    Switch(3),                                       // exposure priority
-    Ranged(4, 4, 1, 20000, 333),                     // exposure time in 100 us
-    Ranged(6, 2, 0, 1000, 500),                      // focus position; larger is nearer to the far end of the motor
-    Switch(8),                                       // focus automatic
-    Ranged(9, 2, 10, 220, 28),                       // iris in f-number x 10
-    Ranged(11, 2, 100, 400, 100),                    // zoom
-    Lanes(Ranged(13, 4, -36000, 36000, 0, true), 2), // pan and tilt in seconds of arc
-    Ranged(15, 2, -180, 180, 0, true),               // roll in degrees
-    Switch(17),                                      // privacy; external trigger on the models
+    Switch(1),                                 // scanning mode
+    Choice(2, 0x03, 0x01),                     // exposure mode: manual or automatic
+    Switch(3),                                 // exposure priority
+    Ranged(4, 4, 1, 20000, 333),               // exposure time in 100 us
+    Ranged(6, 2, 0, 1000, 500),                // focus position; larger is nearer to the far end of the motor
+    Switch(8),                                 // focus automatic
+    Ranged(9, 2, 10, 220, 28),                 // iris in f-number x 10
+    Ranged(11, 2, 100, 400, 100),              // zoom
+    Lanes(Ranged(13, 4, -36000, 36000, 0), 2), // pan and tilt in seconds of arc
+    Ranged(15, 2, -180, 180, 0),               // roll in degrees
+    Switch(17),                                // privacy; external trigger on the models
 };
 
 constexpr CameraControl kProcessingControls[] = {
-    Ranged(1, 2, 0, 4, 0),              // backlight compensation
-    Ranged(2, 2, -64, 64, 0, true),     // brightness
-    Ranged(3, 2, 0, 95, 32),            // contrast
-    Ranged(4, 2, 0, 255, 32),           // gain
-    Ranged(5, 1, 0, 2, 1),              // mains frequency: off, 50 Hz, 60 Hz
-    Ranged(6, 2, -2000, 2000, 0, true), // hue in degrees x 100
-    Ranged(7, 2, 0, 128, 64),           // saturation
-    Ranged(8, 2, 0, 15, 3),             // sharpness
-    Ranged(9, 2, 72, 500, 100),         // gamma x 100
-    Ranged(10, 2, 2800, 6500, 4600),    // white balance temperature in kelvin
+    Ranged(1, 2, 0, 4, 0),           // backlight compensation
+    Ranged(2, 2, -64, 64, 0),        // brightness
+    Ranged(3, 2, 0, 95, 32),         // contrast
+    Ranged(4, 2, 0, 255, 32),        // gain
+    Ranged(5, 1, 0, 2, 1),           // mains frequency: off, 50 Hz, 60 Hz
+    Ranged(6, 2, -2000, 2000, 0),    // hue in degrees x 100
+    Ranged(7, 2, 0, 128, 64),        // saturation
+    Ranged(8, 2, 0, 15, 3),          // sharpness
+    Ranged(9, 2, 72, 500, 100),      // gamma x 100
+    Ranged(10, 2, 2800, 6500, 4600), // white balance temperature in kelvin
     Switch(11),
     Lanes(Ranged(12, 2, 0, 1023, 256), 2), // white balance: blue, red
     Switch(13),
@@ -86,7 +51,8 @@ constexpr CameraControl kProcessingControls[] = {
     Switch(16), // hue automatic
 };
 
-// docs/camera-protocol.md
+// docs/camera-protocol.md: the unit of families A and B, then that of family C, whose offsets have ranges that follow
+// the frame.
 constexpr CameraControl kExtensionControls[] = {
     Switch(1), // exposure automatic
     Switch(2), // gain automatic
@@ -103,6 +69,20 @@ constexpr CameraControl kExtensionControls[] = {
     Ranged(13, 2, 0, 1000, 0),
     Switch(15), // software trigger
 };
+
+constexpr CameraControl Offset(std::uint8_t selector) {
+    CameraControl offset = Ranged(selector, 2, 0, 0, 0);
+    offset.settles = true;
+    return offset;
+}
+
+constexpr CameraControl Binning(std::uint8_t selector) {
+    CameraControl binning = Ranged(selector, 1, 1, 4, 1);
+    binning.oneOf = 1 | 2 | 4;
+    return binning;
+}
+
+constexpr CameraControl kRegionControls[] = {Offset(1), Offset(2), Binning(3)};
 
 // On families A to C a gain of 64 is a factor of 1, and there is none below.
 constexpr CameraControl kIndustrialGain = Ranged(4, 2, 64, 1023, 64);
@@ -121,14 +101,19 @@ std::uint8_t SelectorOf(EntityKind kind, std::size_t bit, SelectorRule rule) {
     return static_cast<std::uint8_t>(bit + 1);
 }
 
-const CameraControl *FindTemplate(EntityKind kind, std::uint8_t selector, Family family) {
-    if (kind == EntityKind::ProcessingUnit && selector == kIndustrialGain.selector && family != Family::Generic)
+const CameraControl *FindTemplate(EntityKind kind, std::uint8_t selector, const Model &model) {
+    for (const CameraControl &control : model.controls)
+        if (control.kind == kind && control.selector == selector)
+            return &control;
+    if (kind == EntityKind::ProcessingUnit && selector == kIndustrialGain.selector && model.family != Family::Generic)
         return &kIndustrialGain;
     std::span<const CameraControl> table = kExtensionControls;
     if (kind == EntityKind::CameraTerminal)
         table = kTerminalControls;
     else if (kind == EntityKind::ProcessingUnit)
         table = kProcessingControls;
+    else if (model.family == Family::C)
+        table = kRegionControls;
     for (const CameraControl &control : table)
         if (control.selector == selector)
             return &control;
@@ -166,7 +151,7 @@ std::int64_t ReadValue(std::span<const std::uint8_t> bytes, bool isSigned) {
 
 } // namespace
 
-ControlStore::ControlStore(const VideoFunction &function, SelectorRule rule, Family family) {
+ControlStore::ControlStore(const VideoFunction &function, SelectorRule rule, const Model &model) {
     for (const Entity &entity : function.entities) {
         entities_.push_back(entity.id);
         for (std::size_t bit = 0; bit < entity.controls.size() * 8; ++bit) {
@@ -176,7 +161,7 @@ ControlStore::ControlStore(const VideoFunction &function, SelectorRule rule, Fam
             if (rule == SelectorRule::Standard && entity.kind == EntityKind::ExtensionUnit)
                 continue;
             const std::uint8_t selector = SelectorOf(entity.kind, bit, rule);
-            if (const CameraControl *known = FindTemplate(entity.kind, selector, family)) {
+            if (const CameraControl *known = FindTemplate(entity.kind, selector, model)) {
                 controls_.push_back(*known);
                 controls_.back().entity = entity.id;
                 controls_.back().kind = entity.kind;
@@ -190,6 +175,19 @@ void ControlStore::Reset() {
     for (CameraControl &control : controls_)
         std::fill(std::begin(control.current), std::end(control.current), control.defaultValue);
     error_ = kNone;
+}
+
+CameraControl *ControlStore::Find(EntityKind kind, std::uint8_t selector) {
+    const auto found = std::find_if(controls_.begin(), controls_.end(), [&](const CameraControl &control) {
+        return control.kind == kind && control.selector == selector;
+    });
+    return found != controls_.end() ? &*found : nullptr;
+}
+
+void ControlStore::Break(std::uint8_t entity, std::uint8_t selector) {
+    for (CameraControl &control : controls_)
+        if (control.entity == entity && control.selector == selector)
+            control.stalls |= StallOf(kGetInfo) | StallOf(kGetCur);
 }
 
 TransferResult ControlStore::Refuse(std::uint8_t reason) {
@@ -217,10 +215,12 @@ TransferResult ControlStore::Request(const usb::Setup &setup, std::span<std::uin
     const bool in = (setup.requestType & 0x80) != 0;
     if (in != (setup.request != kSetCur) || data.empty())
         return Refuse(kInvalidRequest);
+    if (in && (control.stalls & StallOf(static_cast<ControlRequest>(setup.request))) != 0)
+        return Refuse(kInvalidRequest);
     error_ = kNone;
     switch (setup.request) {
     case kSetCur:
-        return Set(control, data);
+        return control.readOnly ? Refuse(kInvalidRequest) : Set(control, data);
     case kGetCur:
         return AnswerValues(data, control, std::span(control.current).first(control.lanes));
     case kGetDef:
@@ -235,12 +235,13 @@ TransferResult ControlStore::Request(const usb::Setup &setup, std::span<std::uin
             return Refuse(kInvalidRequest);
         return AnswerSame(data, control, setup.request == kGetMin ? control.minimum : control.maximum);
     case kGetLen: {
-        const std::array<std::uint8_t, 2> length{static_cast<std::uint8_t>(control.Size()), 0};
+        const std::array<std::uint8_t, 2> length{
+            control.claimedLength.value_or(static_cast<std::uint8_t>(control.Size())), 0};
         return Answer(data, length);
     }
     case kGetInfo: {
-        const std::uint8_t getAndSet = 3;
-        return Answer(data, {&getAndSet, 1});
+        const std::uint8_t info = control.readOnly ? kSupportsGet : kSupportsGet | kSupportsSet;
+        return Answer(data, {&info, 1});
     }
     default:
         return Refuse(kInvalidRequest);
@@ -253,9 +254,9 @@ TransferResult ControlStore::Set(CameraControl &control, std::span<const std::ui
     std::int64_t values[4];
     for (std::size_t lane = 0; lane < control.lanes; ++lane) {
         values[lane] = ReadValue(data.subspan(lane * control.width, control.width), control.isSigned);
-        const bool inRange = values[lane] >= control.minimum && values[lane] <= control.maximum;
-        const bool offered = control.hasRange || control.resolution == 1 ||
-                             ((values[lane] & (values[lane] - 1)) == 0 && (values[lane] & control.resolution) != 0);
+        const bool inRange = control.settles || (values[lane] >= control.minimum && values[lane] <= control.maximum);
+        const bool offered =
+            control.oneOf == 0 || ((values[lane] & (values[lane] - 1)) == 0 && (values[lane] & control.oneOf) != 0);
         if (!inRange || !offered)
             return Refuse(kOutOfRange);
     }

@@ -1,6 +1,7 @@
 // The camera's control values and the class requests on them (UVC 1.1, 4.2).
 #pragma once
 
+#include "host/cameras/camera_control.h"
 #include "host/cameras/model.h"
 #include "host/cameras/video_function.h"
 #include "host/usb/usb_device.h"
@@ -11,24 +12,6 @@
 
 namespace host::cameras {
 
-// One control: `lanes` values of `width` bytes each, little-endian, all with the same range.
-struct CameraControl {
-    std::uint8_t entity = 0;
-    EntityKind kind = EntityKind::CameraTerminal;
-    std::uint8_t selector = 0;
-    std::uint8_t width = 1; // 1, 2 or 4
-    std::uint8_t lanes = 1;
-    bool isSigned = false;
-    bool hasRange = true; // false: a switch or a set of bits, which answers neither GET_MIN nor GET_MAX
-    std::int64_t minimum = 0;
-    std::int64_t maximum = 1;
-    std::int64_t resolution = 1; // of a set of bits: the bits offered
-    std::int64_t defaultValue = 0;
-    std::int64_t current[4] = {};
-
-    std::size_t Size() const { return std::size_t{width} * lanes; }
-};
-
 enum class SelectorRule : std::uint8_t {
     BitPlusOne, // bmControls bit b announces selector b + 1, in every entity: the models
     Standard,   // the bit tables of UVC 1.1: real cameras
@@ -36,8 +19,8 @@ enum class SelectorRule : std::uint8_t {
 
 class ControlStore {
   public:
-    // One control per announced bit whose selector is known. `family` chooses ranges where families differ.
-    ControlStore(const VideoFunction &function, SelectorRule rule, Family family);
+    // One control per announced bit whose selector is known, with the ranges of the model.
+    ControlStore(const VideoFunction &function, SelectorRule rule, const Model &model);
 
     // A class request to the video control interface. A refusal leaves its reason for VC_REQUEST_ERROR_CODE_CONTROL.
     usb::TransferResult Request(const usb::Setup &setup, std::span<std::uint8_t> data);
@@ -46,6 +29,12 @@ class ControlStore {
     void Reset();
 
     std::span<const CameraControl> Controls() const { return controls_; }
+
+    // Null when the camera does not have the control.
+    CameraControl *Find(EntityKind kind, std::uint8_t selector);
+
+    // Makes GET_INFO and GET_CUR of one control stall.
+    void Break(std::uint8_t entity, std::uint8_t selector);
 
   private:
     usb::TransferResult Refuse(std::uint8_t reason);

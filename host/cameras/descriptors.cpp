@@ -20,9 +20,11 @@ constexpr std::uint8_t kControlSubclass = 1;
 constexpr std::uint8_t kStreamingSubclass = 2;
 constexpr std::uint8_t kCollectionSubclass = 3;
 
-// Identifies the extension unit of families A and B.
+// Identify the extension units of families A and B, and of family C.
 constexpr Guid kExtensionGuid = {0x5A, 0x21, 0xC3, 0x0E, 0x9D, 0x47, 0x62, 0x4B,
                                  0x8F, 0x10, 0x3E, 0x77, 0xD4, 0x0B, 0x65, 0x92};
+constexpr Guid kRegionGuid = {0xB7, 0x64, 0x0D, 0x58, 0x31, 0xEA, 0x9C, 0x46,
+                              0xA2, 0x5F, 0xC8, 0x13, 0x70, 0x2D, 0x4E, 0x81};
 
 // Appends little-endian fields; a descriptor's bLength is filled when it ends.
 class Bytes {
@@ -83,7 +85,8 @@ void AddControlInterface(Bytes &bytes, const Model &model) {
         std::uint8_t count = 0;
         for (std::uint32_t rest = model.extensionControls; rest != 0; rest &= rest - 1)
             ++count;
-        bytes.Begin(kClassInterfaceType, 0x06).U8(kExtensionUnitId).Add(kExtensionGuid).U8(count);
+        bytes.Begin(kClassInterfaceType, 0x06).U8(kExtensionUnitId);
+        bytes.Add(model.family == Family::C ? kRegionGuid : kExtensionGuid).U8(count);
         bytes.U8(1).U8(last).U8(2).U16(model.extensionControls).U8(0).End();
         last = kExtensionUnitId;
     }

@@ -71,6 +71,39 @@ constexpr std::uint32_t kGain = Selectors({4});
 // Extension unit of families A and B: docs/camera-protocol.md lists the selectors.
 constexpr std::uint32_t kExtension = Selectors({1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 15});
 
+// Offsets and binning of family C.
+constexpr std::uint32_t kOffsets = Selectors({1, 2});
+constexpr std::uint32_t kOffsetsBinning = Selectors({1, 2, 3});
+
+// Where a model differs from the ranges in control_store.cpp. Cameras in the field have fixed irises that only tell
+// where they are, and firmware that forgot about an attribute or gives it wrongly.
+constexpr EntityKind kTerminal = EntityKind::CameraTerminal;
+constexpr EntityKind kProcessing = EntityKind::ProcessingUnit;
+constexpr EntityKind kUnit = EntityKind::ExtensionUnit;
+
+constexpr CameraControl kGenericControls[] = {
+    Of(kTerminal, ReadOnly(Ranged(9, 2, 10, 220, 28))),
+    Of(kProcessing, Stalling(Ranged(1, 2, 0, 4, 0), kGetMin)),
+    Of(kProcessing, Stalling(Ranged(14, 2, 0, 255, 0), kGetDef)),
+    Of(kProcessing, Stalling(Ranged(15, 2, 0, 255, 255), kGetRes)),
+};
+constexpr CameraControl k8101Controls[] = {
+    Of(kProcessing, Ranged(2, 2, -128, 127, 0)),  Of(kProcessing, Ranged(3, 2, 0, 255, 128)),
+    Of(kProcessing, Ranged(7, 2, 0, 255, 128)),   Of(kProcessing, Ranged(8, 2, 0, 7, 2)),
+    Of(kProcessing, Ranged(9, 2, 100, 300, 220)), Of(kProcessing, Ranged(10, 2, 2500, 7500, 5000)),
+};
+constexpr CameraControl k8102Controls[] = {
+    Of(kProcessing, Ranged(2, 2, -255, 255, -16)),
+    Of(kProcessing, Ranged(9, 2, 50, 250, 100)),
+    Of(kUnit, Claiming(Ranged(12, 2, 0, 1000, 0), 12)),
+    Of(kUnit, Claiming(Ranged(13, 2, 0, 1000, 0), 0)),
+};
+constexpr CameraControl k8203Controls[] = {Of(kProcessing, Ranged(4, 2, 64, 511, 64))};
+constexpr CameraControl k8204Controls[] = {Of(kTerminal, Ranged(4, 4, 1, 5000, 333)),
+                                           Of(kProcessing, Ranged(4, 2, 64, 255, 64))};
+constexpr CameraControl k8206Controls[] = {Of(kTerminal, Ranged(4, 4, 2, 12000, 333)),
+                                           Of(kProcessing, Ranged(4, 2, 64, 767, 64))};
+
 constexpr std::array<Model, 10> kModels{{
     {.name = "generic",
      .vendorId = kVendorId,
@@ -84,8 +117,10 @@ constexpr std::array<Model, 10> kModels{{
      .pattern = BayerPattern::GreenBlue,
      .sensorWidth = 1280,
      .sensorHeight = 960,
+     .binning = true,
      .terminalControls = kGenericTerminal,
      .processingControls = kGenericProcessing,
+     .controls = kGenericControls,
      .formats = kGenericFormats,
      .payloadSize = 32768},
     {.name = "8101",
@@ -105,6 +140,7 @@ constexpr std::array<Model, 10> kModels{{
      .terminalControls = kExposure,
      .processingControls = kAProcessing,
      .extensionControls = kExtension,
+     .controls = k8101Controls,
      .formats = kAFormats,
      .payloadSize = 65536},
     {.name = "8102",
@@ -124,6 +160,7 @@ constexpr std::array<Model, 10> kModels{{
      .terminalControls = kExposure,
      .processingControls = kBProcessing,
      .extensionControls = kExtension,
+     .controls = k8102Controls,
      .formats = kBFormats},
     {.name = "8201",
      .vendorId = kVendorId,
@@ -140,6 +177,7 @@ constexpr std::array<Model, 10> kModels{{
      .sensorHeight = 960,
      .registerBlock = true,
      .binning = true,
+     .userData = true,
      .terminalControls = kExposureTrigger,
      .processingControls = kGain,
      .formats = kC1ColourFormats,
@@ -158,6 +196,7 @@ constexpr std::array<Model, 10> kModels{{
      .sensorHeight = 960,
      .registerBlock = true,
      .binning = true,
+     .userData = true,
      .terminalControls = kExposureTrigger,
      .processingControls = kGain,
      .formats = kC1GreyFormats},
@@ -175,8 +214,10 @@ constexpr std::array<Model, 10> kModels{{
      .sensorWidth = 2048,
      .sensorHeight = 1536,
      .binning = true,
+     .userData = true,
      .terminalControls = kExposureTrigger,
      .processingControls = kGain,
+     .controls = k8203Controls,
      .formats = kC2Formats,
      .payloadSize = 262144},
     {.name = "8204",
@@ -191,8 +232,10 @@ constexpr std::array<Model, 10> kModels{{
      .colour = false,
      .sensorWidth = 2592,
      .sensorHeight = 1944,
+     .userData = true,
      .terminalControls = kExposureTrigger,
      .processingControls = kGain,
+     .controls = k8204Controls,
      .formats = kC3Formats},
     {.name = "8205",
      .vendorId = kVendorId,
@@ -211,8 +254,10 @@ constexpr std::array<Model, 10> kModels{{
      .registerBlock = true,
      .binning = true,
      .regionOfInterest = true,
+     .userData = true,
      .terminalControls = kExposureFocusTrigger,
      .processingControls = kGain,
+     .extensionControls = kOffsetsBinning,
      .formats = kC4Formats,
      .payloadSize = 524288},
     {.name = "8206",
@@ -229,8 +274,10 @@ constexpr std::array<Model, 10> kModels{{
      .sensorWidth = 2592,
      .sensorHeight = 1944,
      .binning = true,
+     .userData = true,
      .terminalControls = kExposureTrigger,
      .processingControls = kGain,
+     .controls = k8206Controls,
      .formats = kC5Formats},
     {.name = "8207",
      .vendorId = kVendorId,
@@ -248,6 +295,7 @@ constexpr std::array<Model, 10> kModels{{
      .regionOfInterest = true,
      .terminalControls = kExposureTrigger,
      .processingControls = kGain,
+     .extensionControls = kOffsets,
      .formats = kC6Formats,
      .payloadSize = 131072},
 }};

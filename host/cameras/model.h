@@ -2,6 +2,7 @@
 // sensor follow from a row; nothing else in this folder asks for a product id.
 #pragma once
 
+#include "host/cameras/camera_control.h"
 #include "host/cameras/pixel_format.h"
 
 #include <cstdint>
@@ -50,10 +51,12 @@ struct Model {
     bool registerBlock;
     bool binning;
     bool regionOfInterest;
+    bool userData; // the user-data store
     // bmControls of the three entities; bit b announces selector b + 1.
     std::uint32_t terminalControls;
     std::uint32_t processingControls;
-    std::uint32_t extensionControls; // 0: no extension unit
+    std::uint32_t extensionControls;         // 0: no extension unit
+    std::span<const CameraControl> controls; // where this model differs from its family
     std::span<const FormatModel> formats;
     std::uint32_t payloadSize; // largest payload, header included; 0: a whole frame and its header
 };

@@ -53,7 +53,65 @@ std::uint8_t Level(float value) {
     return static_cast<std::uint8_t>(std::clamp(value + 0.5f, 0.0f, 255.0f));
 }
 
+// Mean of the 2 x `radius` + 1 samples around each of `count` samples, which are `lanes` bytes that lie side by side.
+void BlurLine(const std::uint8_t *from, std::uint8_t *to, std::size_t count, std::size_t lanes, double radius,
+              std::vector<std::int32_t> &sums) {
+    // All samples but the outermost two count fully.
+    const auto whole = static_cast<std::ptrdiff_t>(radius);
+    const auto part = static_cast<float>(radius - static_cast<double>(whole));
+    const auto scale = static_cast<float>(1 / (2 * radius + 1));
+    const auto sample = [&](std::ptrdiff_t at) {
+        return from + static_cast<std::size_t>(std::clamp<std::ptrdiff_t>(at, 0, std::ptrdiff_t(count) - 1)) * lanes;
+    };
+    sums.assign(lanes, 0);
+    for (std::ptrdiff_t at = -whole; at <= whole; ++at)
+        for (std::size_t lane = 0; lane < lanes; ++lane)
+            sums[lane] += sample(at)[lane];
+    std::int32_t *sum = sums.data();
+    for (std::ptrdiff_t i = 0; i < std::ptrdiff_t(count); ++i, to += lanes) {
+        const std::uint8_t *outerLeft = sample(i - whole - 1);
+        const std::uint8_t *outerRight = sample(i + whole + 1);
+        const std::uint8_t *left = sample(i - whole);
+        for (std::size_t lane = 0; lane < lanes; ++lane) {
+            const auto ends = static_cast<float>(outerLeft[lane] + outerRight[lane]);
+            to[lane] = static_cast<std::uint8_t>((static_cast<float>(sum[lane]) + part * ends) * scale + 0.5f);
+            sum[lane] += outerRight[lane] - left[lane];
+        }
+    }
+}
+
 } // namespace
+
+void RemoveColours(Picture &picture) {
+    for (Rgb &pixel : picture.pixels) {
+        const auto grey = static_cast<std::uint8_t>((77 * pixel.red + 150 * pixel.green + 29 * pixel.blue + 128) >> 8);
+        pixel = {grey, grey, grey};
+    }
+}
+
+void Blur(Picture &picture, double radius) {
+    static_assert(sizeof(Rgb) == 3, "the picture is walked as bytes");
+    const std::size_t pitch = std::size_t{picture.width} * 3;
+    std::vector<std::uint8_t> once(pitch * picture.height);
+    std::vector<std::int32_t> sums;
+    auto *bytes = reinterpret_cast<std::uint8_t *>(picture.pixels.data());
+    for (std::size_t y = 0; y < picture.height; ++y) {
+        BlurLine(bytes + y * pitch, once.data(), picture.width, 3, radius, sums);
+        BlurLine(once.data(), bytes + y * pitch, picture.width, 3, radius, sums);
+    }
+    BlurLine(bytes, once.data(), picture.height, pitch, radius, sums);
+    BlurLine(once.data(), bytes, picture.height, pitch, radius, sums);
+}
+
+Picture Cut(const Picture &picture, std::uint32_t left, std::uint32_t top, std::uint32_t width, std::uint32_t height) {
+    Picture part{width, height, {}};
+    part.pixels.reserve(std::size_t{width} * height);
+    for (std::uint32_t y = 0; y < height; ++y) {
+        const Rgb *row = picture.Row(top + y) + left;
+        part.pixels.insert(part.pixels.end(), row, row + width);
+    }
+    return part;
+}
 
 Picture ReadPng(const std::string &path, std::string &reason) {
     png_image image{};

@@ -26,6 +26,16 @@ struct Picture {
 // The default scene, drawn for exactly that size: grey ramp, colour patches, slanted edges, a star, fine lines.
 Picture DrawChart(std::uint32_t width, std::uint32_t height);
 
+// The same without its colours.
+void RemoveColours(Picture &picture);
+
+// Twice the mean of 2 x `radius` + 1 samples a side: the blur of a lens that is out of focus, without the false
+// resolution of a single box. `radius` need not be whole. The borders are repeated.
+void Blur(Picture &picture, double radius);
+
+// A part that lies in the picture.
+Picture Cut(const Picture &picture, std::uint32_t left, std::uint32_t top, std::uint32_t width, std::uint32_t height);
+
 // Reads a PNG of any kind. On failure the picture is empty and `reason` one line.
 Picture ReadPng(const std::string &path, std::string &reason);
 

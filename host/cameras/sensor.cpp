@@ -39,46 +39,6 @@ Response MakeResponse(const SensorSettings &settings, const Surroundings &surrou
     return response;
 }
 
-// Mean of the 2 x `radius` + 1 samples around each; `radius` need not be whole. The ends are repeated. Samples lie
-// `fromStep` and `toStep` bytes apart; `sums` is scratch memory.
-void BlurLine(const std::uint8_t *from, std::size_t fromStep, std::uint8_t *to, std::size_t toStep, std::size_t count,
-              double radius, std::vector<double> &sums) {
-    // Working on a line that goes on at both ends by `reach` samples keeps the inner loop free of tests.
-    const auto whole = static_cast<std::size_t>(radius);
-    const double part = radius - static_cast<double>(whole);
-    const std::size_t reach = whole + 1;
-    sums.resize(count + 2 * reach + 1);
-    sums[0] = 0;
-    for (std::size_t i = 0; i < count + 2 * reach; ++i) {
-        const std::size_t at = std::clamp(i, reach, reach + count - 1) - reach;
-        sums[i + 1] = sums[i] + from[at * fromStep];
-    }
-    const double scale = 1 / (2 * radius + 1);
-    for (std::size_t i = 0; i < count; ++i) {
-        const double inner = sums[i + 2 * whole + 2] - sums[i + 1];
-        const double wider = sums[i + 2 * reach + 1] - sums[i];
-        to[i * toStep] = static_cast<std::uint8_t>((inner + part * (wider - inner)) * scale + 0.5);
-    }
-}
-
-// Twice a box in each direction: the blur of a lens that is out of focus, without the box's false resolution.
-void Blur(Picture &picture, double radius) {
-    static_assert(sizeof(Rgb) == 3, "the picture is walked as bytes");
-    auto *bytes = reinterpret_cast<std::uint8_t *>(picture.pixels.data());
-    const std::size_t pitch = std::size_t{picture.width} * 3;
-    std::vector<double> sums;
-    std::vector<std::uint8_t> once(std::max(picture.width, picture.height));
-    const auto blurTwice = [&](std::uint8_t *first, std::size_t count, std::size_t step) {
-        BlurLine(first, step, once.data(), 1, count, radius, sums);
-        BlurLine(once.data(), 1, first, step, count, radius, sums);
-    };
-    for (std::size_t y = 0; y < picture.height; ++y)
-        for (std::size_t channel = 0; channel < 3; ++channel)
-            blurTwice(bytes + y * pitch + channel, picture.width, 3);
-    for (std::size_t x = 0; x < pitch; ++x)
-        blurTwice(bytes + x, picture.height, pitch);
-}
-
 void Mosaic(const Picture &picture, const Response &response, BayerPattern pattern, std::uint8_t *out) {
     // Channel at (row parity, column parity).
     constexpr std::array<std::array<Channel, 4>, 4> kFilters{{
@@ -154,11 +114,34 @@ Sensor::Sensor(const Model &model, const SensorOptions &options)
     }
 }
 
-bool Sensor::SetScene(const std::string &path, std::string &reason) {
-    Picture picture = ReadPng(path, reason);
-    if (picture.pixels.empty())
-        return false;
-    scene_ = std::move(picture);
+std::vector<DefectList> Sensor::DefectLists() const {
+    std::vector<DefectList> lists{{1, {}}, {2, {}}, {4, {}}};
+    for (DefectList &list : lists) {
+        for (const Defect &defect : defects_) {
+            const SensorPlace place{static_cast<std::uint16_t>(BinnedPlace(defect.x, list.binning, colour_)),
+                                    static_cast<std::uint16_t>(BinnedPlace(defect.y, list.binning, colour_))};
+            if (std::find(list.pixels.begin(), list.pixels.end(), place) == list.pixels.end())
+                list.pixels.push_back(place);
+        }
+    }
+    return lists;
+}
+
+bool Sensor::SetScene(const std::string &scene, std::string &reason) {
+    if (scene == "chart") {
+        scene_ = Scene::Chart;
+    } else if (scene == "flat") {
+        scene_ = Scene::Flat;
+    } else if (scene == "grey") {
+        scene_ = Scene::Grey;
+    } else {
+        Picture picture = ReadPng(scene, reason);
+        if (picture.pixels.empty())
+            return false;
+        png_ = std::move(picture);
+        scene_ = Scene::Png;
+    }
+    projection_.reset();
     view_.reset();
     still_.reset();
     return true;
@@ -169,12 +152,47 @@ void Sensor::SetSurroundings(const Surroundings &surroundings) {
     still_.reset();
 }
 
-const Picture &Sensor::Look(std::uint32_t width, std::uint32_t height, double blur) {
-    if (!view_ || view_->width != width || view_->height != height || view_->blur != blur) {
-        view_ = View{width, height, blur, scene_ ? Resample(*scene_, width, height) : DrawChart(width, height)};
-        if (blur > 0)
-            Blur(view_->picture, blur);
+const Picture &Sensor::Projection(Extent sensor) {
+    if (projection_ && Extent{projection_->width, projection_->height} == sensor)
+        return *projection_;
+    switch (scene_) {
+    case Scene::Chart:
+    case Scene::Grey:
+        projection_ = DrawChart(sensor.width, sensor.height);
+        if (scene_ == Scene::Grey)
+            RemoveColours(*projection_);
+        break;
+    case Scene::Flat:
+        projection_ = Picture{sensor.width, sensor.height, {}};
+        projection_->pixels.assign(std::size_t{sensor.width} * sensor.height, {128, 128, 128});
+        break;
+    case Scene::Png:
+        projection_ = Resample(png_, sensor.width, sensor.height);
+        break;
     }
+    return *projection_;
+}
+
+// A frame at (left, top) of a sensor of that many binned pixels.
+const Picture &Sensor::Look(Extent sensor, Extent frame, std::uint32_t left, std::uint32_t top, double blur) {
+    if (view_ && view_->sensor == sensor && view_->frame == frame && view_->left == left && view_->top == top &&
+        view_->blur == blur)
+        return view_->picture;
+    const Picture &scene = Projection(sensor);
+    view_ = View{sensor, frame, left, top, blur, {}};
+    if (blur == 0) {
+        view_->picture = Cut(scene, left, top, frame.width, frame.height);
+        return view_->picture;
+    }
+    // What lies around the frame blurs into it.
+    const auto margin = static_cast<std::uint32_t>(2 * blur) + 3;
+    const std::uint32_t before = std::min(left, margin);
+    const std::uint32_t above = std::min(top, margin);
+    Picture part = Cut(scene, left - before, top - above,
+                       before + frame.width + std::min(sensor.width - left - frame.width, margin),
+                       above + frame.height + std::min(sensor.height - top - frame.height, margin));
+    Blur(part, blur);
+    view_->picture = Cut(part, before, above, frame.width, frame.height);
     return view_->picture;
 }
 
@@ -185,11 +203,15 @@ std::vector<std::uint8_t> Sensor::Develop(const Raster &raster, const SensorSett
             frame[i] = static_cast<std::uint8_t>((i >> 8) ^ i ^ options_.seed);
         return frame;
     }
+    const Region &region = settings.region;
+    const bool enlarged = !LiesOn(Size(), raster.Size(), region);
+    const Extent sensor = enlarged ? raster.Size() : Extent{width_ / region.binning, height_ / region.binning};
     // The spot of a point grows with the way to the sharp position: 12 pixels across the full width of 1000.
     double blur = 0;
     if (motorisedFocus_)
-        blur = std::abs(settings.focus - options_.surroundings.sharpAt) * 0.000012 * raster.width;
-    const Picture &picture = Look(raster.width, raster.height, blur);
+        blur = std::abs(settings.focus - options_.surroundings.sharpAt) * 0.000012 * sensor.width;
+    const Picture &picture = Look(sensor, raster.Size(), enlarged ? 0 : region.x / region.binning,
+                                  enlarged ? 0 : region.y / region.binning, blur);
     const Response response = MakeResponse(settings, options_.surroundings);
     switch (raster.pixels) {
     case PixelFormat::Bayer8:
@@ -210,16 +232,23 @@ std::vector<std::uint8_t> Sensor::Develop(const Raster &raster, const SensorSett
     case PixelFormat::Opaque:
         break;
     }
-    AddDefects(raster, frame);
+    AddDefects(raster, region, frame);
     return frame;
 }
 
-void Sensor::AddDefects(const Raster &raster, std::vector<std::uint8_t> &frame) const {
+void Sensor::AddDefects(const Raster &raster, const Region &region, std::vector<std::uint8_t> &frame) const {
+    const bool enlarged = !LiesOn(Size(), raster.Size(), region);
+    const auto place = [&](std::uint32_t at, std::uint32_t offset, std::uint32_t side, std::uint32_t length) {
+        // Wraps around, and so lies outside, for a place before the frame.
+        return enlarged ? at * length / side : BinnedPlace(at, region.binning, colour_) - offset / region.binning;
+    };
     const std::size_t width = Describe(raster.pixels).bitsPerPixel / 8u;
     for (const Defect &defect : defects_) {
-        const std::size_t x = std::size_t{defect.x} * raster.width / width_;
-        const std::size_t y = std::size_t{defect.y} * raster.height / height_;
-        frame[(y * raster.width + x) * width + (raster.pixels == PixelFormat::Uyvy ? 1 : 0)] = defect.level;
+        const std::uint32_t x = place(defect.x, region.x, width_, raster.width);
+        const std::uint32_t y = place(defect.y, region.y, height_, raster.height);
+        if (x < raster.width && y < raster.height)
+            frame[(std::size_t{y} * raster.width + x) * width + (raster.pixels == PixelFormat::Uyvy ? 1 : 0)] =
+                defect.level;
     }
 }
 

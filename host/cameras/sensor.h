@@ -4,6 +4,8 @@
 
 #include "host/cameras/model.h"
 #include "host/cameras/picture.h"
+#include "host/cameras/region.h"
+#include "host/cameras/user_data.h"
 
 #include <cstdint>
 #include <memory>
@@ -13,21 +15,24 @@
 
 namespace host::cameras {
 
-// A frame as the host gets it. Frames smaller than the sensor show the same field of view, binned.
+// A frame as the host gets it. One that is larger than the sensor shows the whole of it, enlarged.
 struct Raster {
     PixelFormat pixels = PixelFormat::Opaque;
     std::uint32_t width = 0;
     std::uint32_t height = 0;
     std::uint32_t bytes = 0;
 
+    Extent Size() const { return {width, height}; }
+
     friend bool operator==(const Raster &, const Raster &) = default;
 };
 
 // What the host can set. With both factors 1 a white of the scene under a light of 1 is just below the sensor's limit.
 struct SensorSettings {
-    double exposure = 1; // relative to the camera's default
+    double exposure = 1;
     double gain = 1;
     int focus = 500; // position of the motor
+    Region region;
 
     friend bool operator==(const SensorSettings &, const SensorSettings &) = default;
 };
@@ -60,18 +65,25 @@ class Sensor {
   public:
     Sensor(const Model &model, const SensorOptions &options);
 
-    // Shows a PNG instead of the chart. False leaves the scene as it was.
-    bool SetScene(const std::string &path, std::string &reason);
+    // "chart", "flat" (a grey of 128 all over), "grey" (the chart without its colours) or the path of a PNG. False
+    // leaves the scene as it was.
+    bool SetScene(const std::string &scene, std::string &reason);
     void SetSurroundings(const Surroundings &surroundings);
 
     // Exposure `number`. As long as nothing changes, and without noise and mark, the same bytes are shared by all.
     FrameBytes Expose(const Raster &raster, const SensorSettings &settings, std::uint64_t number);
 
     const std::vector<Defect> &Defects() const { return defects_; }
+    // A binned pixel is stuck as soon as one of its pixels is. At binning 1, 2 and 4, each place once.
+    std::vector<DefectList> DefectLists() const;
+
+    Extent Size() const { return {width_, height_}; }
 
   private:
-    struct View { // the scene at a frame's size
-        std::uint32_t width, height;
+    enum class Scene { Chart, Flat, Grey, Png };
+    struct View { // what a frame sees
+        Extent sensor, frame;
+        std::uint32_t left, top;
         double blur;
         Picture picture;
     };
@@ -81,9 +93,10 @@ class Sensor {
         FrameBytes bytes;
     };
 
-    const Picture &Look(std::uint32_t width, std::uint32_t height, double blur);
+    const Picture &Projection(Extent sensor);
+    const Picture &Look(Extent sensor, Extent frame, std::uint32_t left, std::uint32_t top, double blur);
     std::vector<std::uint8_t> Develop(const Raster &raster, const SensorSettings &settings);
-    void AddDefects(const Raster &raster, std::vector<std::uint8_t> &frame) const;
+    void AddDefects(const Raster &raster, const Region &region, std::vector<std::uint8_t> &frame) const;
     void AddNoise(const Raster &raster, std::uint64_t number, std::vector<std::uint8_t> &frame);
 
     bool colour_;
@@ -94,7 +107,9 @@ class Sensor {
     SensorOptions options_;
     std::vector<Defect> defects_;
     std::vector<std::int16_t> noise_;
-    std::optional<Picture> scene_; // nothing: the chart
+    Scene scene_ = Scene::Chart;
+    Picture png_;
+    std::optional<Picture> projection_; // the scene, sharp, on the whole sensor as it is binned
     std::optional<View> view_;
     std::optional<Still> still_;
     std::shared_ptr<std::vector<std::uint8_t>> scratch_;

@@ -1,6 +1,7 @@
 #include "host/cameras/simulated_camera.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace host::cameras {
 namespace {
@@ -13,15 +14,42 @@ constexpr std::uint64_t kFirstCredits = 2;
 constexpr Ticks kCreditTimeout = 2'500'000;
 constexpr std::size_t kLongestLog = 4096;
 constexpr Ticks kFallbackInterval = 333'333; // for descriptors that give none
+constexpr std::size_t kMostNotes = 8192;     // of settings and of focus positions
+
+// Selectors, by entity.
+constexpr std::uint8_t kExposureTime = 4, kFocus = 6, kTerminalTrigger = 17; // camera terminal
+constexpr std::uint8_t kGain = 4;                                            // processing unit
+constexpr std::uint8_t kUnitTrigger = 5;                                     // extension unit of families A and B
+constexpr std::uint8_t kOffsetX = 1, kOffsetY = 2, kBinning = 3;             // extension unit of family C
+
+// The exposure time, in 100 us, at which the sensor shows the scene as bright as it is.
+constexpr double kNeutralExposure = 333;
+
+// The latest of the notes, each with the exposure `from` which it holds, that holds for exposure `number`.
+template <typename Note> const Note &NoteFor(const std::vector<Note> &notes, std::uint64_t number) {
+    const auto later = std::upper_bound(notes.begin(), notes.end(), number,
+                                        [](std::uint64_t n, const Note &note) { return n < note.from; });
+    return later == notes.begin() ? *later : *std::prev(later);
+}
+
+template <typename Note> void AddNote(std::vector<Note> &notes, const Note &note) {
+    if (notes.size() == kMostNotes)
+        notes.erase(notes.begin(), notes.begin() + kMostNotes / 2);
+    notes.push_back(note);
+}
 
 } // namespace
 
 SimulatedCamera::SimulatedCamera(CameraBody body, const CameraOptions &options)
     : body_(std::move(body)), options_(options), function_(ParseVideoFunction(body_.configuration)),
       negotiator_(function_, options.payloadSize.value_or(body_.model.payloadSize), options.headerLength),
-      controls_(function_, body_.rule, body_.model.family), sensor_(body_.model, options.sensor) {
+      controls_(function_, body_.rule, body_.model), sensor_(body_.model, options.sensor) {
     if (options.highSpeed)
         body_.highSpeed = *options.highSpeed;
+    for (const auto &[entity, selector] : options.brokenControls)
+        controls_.Break(entity, selector);
+    if (body_.model.userData && !sensor_.Defects().empty())
+        store_.Assign(EncodeDefectLists(sensor_.DefectLists()));
     PowerUp();
 }
 
@@ -33,7 +61,12 @@ void SimulatedCamera::PowerUp() {
     committed_ = probe_;
     codedInterval_ = 0;
     userRegister_ = 0;
+    registers_ = {};
     controls_.Reset();
+    if (const CameraControl *focus = controls_.Find(EntityKind::CameraTerminal, kFocus))
+        motor_.RestAt(static_cast<int>(focus->defaultValue));
+    externalTrigger_ = false;
+    ChooseRegion();
     StopStream();
 }
 
@@ -42,13 +75,17 @@ void SimulatedCamera::StopStream() {
     nextNumber_ = 0;
     epochNumber_ = 0;
     payloads_.Abandon();
+    triggers_.clear();
     settings_.assign(1, {0, CurrentSettings()});
+    focus_.clear();
 }
 
 void SimulatedCamera::StartStream(Ticks now) {
     // The state that was probed last is in force even if nobody committed it: a host that finds the camera in the state
     // it wants need not negotiate.
     committed_ = probe_;
+    if (const Raster raster = RasterOf(committed_); regionFrame_ != raster.Size())
+        ChooseRegion();
     payloads_.Restart({.headerLength = options_.headerLength,
                        .endOfFrameBit = options_.endOfFrameBit,
                        .toggleFid = options_.toggleFid,
@@ -60,6 +97,7 @@ void SimulatedCamera::StartStream(Ticks now) {
     epochNumber_ = 0;
     credits_ = std::max(credits_, kFirstCredits);
     settings_.assign(1, {0, CurrentSettings()});
+    focus_.clear();
 }
 
 Ticks SimulatedCamera::Interval() const {
@@ -67,19 +105,99 @@ Ticks SimulatedCamera::Interval() const {
     return interval != 0 ? interval : kFallbackInterval;
 }
 
+// Where a frame of that size lies on the sensor when nobody asks for something else: as finely binned as it can be. The
+// offsets stay as the host set them as far as the sensor goes; a camera without offsets shows its middle.
+Region SimulatedCamera::UsualRegion(Extent frame) const {
+    const Extent sensor = sensor_.Size();
+    const std::uint32_t binning = LargestBinning(sensor, frame, body_.model.binning ? 4 : 1);
+    const Extent used{frame.width * binning, frame.height * binning};
+    Region wanted{binning, (std::max(sensor.width, used.width) - used.width) / 2,
+                  (std::max(sensor.height, used.height) - used.height) / 2};
+    if (body_.model.regionOfInterest)
+        wanted = {binning, region_.x, region_.y};
+    return {binning, FitOffset(sensor.width, frame.width, binning, wanted.x),
+            FitOffset(sensor.height, frame.height, binning, wanted.y)};
+}
+
+// For a newly committed frame.
+void SimulatedCamera::ChooseRegion() {
+    if (function_.formats.empty())
+        return;
+    regionFrame_ = RasterOf(committed_).Size();
+    region_ = UsualRegion(regionFrame_);
+    if (CameraControl *binning = RegionControl(kBinning))
+        binning->current[0] = region_.binning;
+    SettleRegion();
+}
+
+// Brings what the host asked for onto the sensor and tells it what became of it.
+void SimulatedCamera::SettleRegion() {
+    const Extent sensor = sensor_.Size();
+    if (CameraControl *binning = RegionControl(kBinning)) {
+        region_.binning = LargestBinning(sensor, regionFrame_, static_cast<std::uint32_t>(binning->current[0]));
+        binning->current[0] = region_.binning;
+    }
+    const auto settle = [&](std::uint8_t selector, std::uint32_t side, std::uint32_t length, std::uint32_t &offset) {
+        CameraControl *control = RegionControl(selector);
+        if (control == nullptr)
+            return;
+        const std::uint32_t binning = region_.binning;
+        offset = FitOffset(side, length, binning, static_cast<std::uint32_t>(control->current[0]));
+        control->current[0] = offset;
+        control->maximum = FitOffset(side, length, binning, side);
+        control->resolution = 2 * binning;
+    };
+    settle(kOffsetX, sensor.width, regionFrame_.width, region_.x);
+    settle(kOffsetY, sensor.height, regionFrame_.height, region_.y);
+}
+
+CameraControl *SimulatedCamera::RegionControl(std::uint8_t selector) {
+    return body_.model.family == Family::C ? controls_.Find(EntityKind::ExtensionUnit, selector) : nullptr;
+}
+
 SensorSettings SimulatedCamera::CurrentSettings() const {
-    SensorSettings settings;
+    SensorSettings settings{.region = region_};
     for (const CameraControl &control : controls_.Controls()) {
         const auto current = static_cast<double>(std::max<std::int64_t>(control.current[0], 1));
-        const auto usual = static_cast<double>(std::max<std::int64_t>(control.defaultValue, 1));
-        if (control.kind == EntityKind::CameraTerminal && control.selector == 4)
-            settings.exposure = current / usual;
-        else if (control.kind == EntityKind::CameraTerminal && control.selector == 6)
-            settings.focus = static_cast<int>(control.current[0]);
-        else if (control.kind == EntityKind::ProcessingUnit && control.selector == 4)
-            settings.gain = current / usual;
+        if (control.kind == EntityKind::CameraTerminal && control.selector == kExposureTime)
+            settings.exposure = current / kNeutralExposure;
+        else if (control.kind == EntityKind::ProcessingUnit && control.selector == kGain)
+            settings.gain = current / static_cast<double>(std::max<std::int64_t>(control.defaultValue, 1));
     }
     return settings;
+}
+
+// After a SET_CUR.
+void SimulatedCamera::ControlsChanged(Ticks now) {
+    SettleRegion();
+    if (const CameraControl *focus = controls_.Find(EntityKind::CameraTerminal, kFocus))
+        motor_.MoveTo(static_cast<int>(focus->current[0]), now);
+    const CameraControl *trigger = nullptr;
+    if (body_.model.family == Family::C)
+        trigger = controls_.Find(EntityKind::CameraTerminal, kTerminalTrigger);
+    else if (body_.model.family != Family::Generic)
+        trigger = controls_.Find(EntityKind::ExtensionUnit, kUnitTrigger);
+    if (trigger != nullptr)
+        SwitchTrigger(trigger->current[0] != 0, now);
+    NoteSettings();
+}
+
+void SimulatedCamera::SwitchTrigger(bool external, Ticks now) {
+    if (external == externalTrigger_)
+        return;
+    externalTrigger_ = external;
+    triggers_.clear();
+    // Exposures at the sensor's own pace begin again at once.
+    epochTime_ = now;
+    epochNumber_ = nextNumber_;
+    wakeHost_ = true;
+}
+
+void SimulatedCamera::Trigger(Ticks now) {
+    if (!externalTrigger_)
+        return;
+    triggers_.push_back(now);
+    wakeHost_ = true;
 }
 
 void SimulatedCamera::NoteSettings() {
@@ -94,14 +212,15 @@ void SimulatedCamera::NoteSettings() {
     if (settings_.back().from >= from && settings_.size() > 1)
         settings_.back().settings = settings;
     else
-        settings_.push_back({from, settings});
+        AddNote(settings_, {from, settings});
 }
 
-SensorSettings SimulatedCamera::SettingsAt(std::uint64_t number) const {
-    for (auto change = settings_.rbegin(); change != settings_.rend(); ++change)
-        if (change->from <= number)
-            return change->settings;
-    return settings_.front().settings;
+SensorSettings SimulatedCamera::SettingsOf(const Raster &raster, std::uint64_t number) const {
+    SensorSettings settings = NoteFor(settings_, number).settings;
+    settings.focus = number >= nextNumber_ || focus_.empty() ? motor_.Target() : NoteFor(focus_, number).position;
+    if (raster.Size() != regionFrame_)
+        settings.region = UsualRegion(raster.Size());
+    return settings;
 }
 
 Raster SimulatedCamera::RasterOf(const StreamControl &control) const {
@@ -116,8 +235,12 @@ Raster SimulatedCamera::RasterOf(const StreamControl &control) const {
 }
 
 void SimulatedCamera::BeginFrame(std::uint64_t number, Ticks exposed) {
-    payloads_.Begin(sensor_.Expose(RasterOf(committed_), SettingsAt(number), number), exposed);
+    const int position = motor_.PositionAt(exposed);
+    if (focus_.empty() || focus_.back().position != position)
+        AddNote(focus_, {number, position});
     nextNumber_ = number + 1;
+    const Raster raster = RasterOf(committed_);
+    payloads_.Begin(sensor_.Expose(raster, SettingsOf(raster, number), number), exposed);
     ++counters_.framesStarted;
 }
 
@@ -134,7 +257,15 @@ TransferResult SimulatedCamera::BulkIn(std::uint8_t endpoint, std::span<std::uin
         StartStream(now);
 
     if (payloads_.Idle()) {
-        if (freeRun_) {
+        if (externalTrigger_) {
+            if (triggers_.empty())
+                return {TransferStatus::NotYet};
+            if (credits_ != 0)
+                --credits_;
+            lastStart_ = now;
+            BeginFrame(nextNumber_, triggers_.front());
+            triggers_.pop_front();
+        } else if (freeRun_) {
             if (credits_ == 0 && now < lastStart_ + kCreditTimeout)
                 return {TransferStatus::NotYet, 0, lastStart_ + kCreditTimeout};
             if (credits_ != 0)
@@ -176,23 +307,30 @@ void SimulatedCamera::ResetPort() {
     PowerUp();
 }
 
-TransferResult SimulatedCamera::Control(const usb::Setup &setup, std::span<std::uint8_t> data, Ticks) {
-    const std::lock_guard lock(mutex_);
-    ++counters_.controlRequests;
+TransferResult SimulatedCamera::Control(const usb::Setup &setup, std::span<std::uint8_t> data, Ticks now) {
     data = data.first(std::min<std::size_t>(data.size(), setup.length));
     const bool in = (setup.requestType & 0x80) != 0;
-    const TransferResult result = Dispatch(setup, data);
-    const bool accepted = result.status == TransferStatus::Ok;
-    if (log_.size() == kLongestLog)
-        log_.pop_front();
-    const auto kept = in ? data.first(accepted ? result.length : 0) : data;
-    log_.push_back({setup, {kept.begin(), kept.end()}, accepted});
+    TransferResult result;
+    bool wake = false;
+    {
+        const std::lock_guard lock(mutex_);
+        ++counters_.controlRequests;
+        result = Dispatch(setup, data, now);
+        const bool accepted = result.status == TransferStatus::Ok;
+        if (log_.size() == kLongestLog)
+            log_.pop_front();
+        const auto kept = in ? data.first(accepted ? result.length : 0) : data;
+        log_.push_back({setup, {kept.begin(), kept.end()}, accepted});
+        wake = std::exchange(wakeHost_, false);
+    }
+    if (wake)
+        Wake();
     return result;
 }
 
-bool SimulatedCamera::SetScene(const std::string &path, std::string &reason) {
+bool SimulatedCamera::SetScene(const std::string &scene, std::string &reason) {
     const std::lock_guard lock(mutex_);
-    return sensor_.SetScene(path, reason);
+    return sensor_.SetScene(scene, reason);
 }
 
 void SimulatedCamera::SetSurroundings(const Surroundings &surroundings) {
@@ -229,7 +367,8 @@ std::vector<std::uint8_t> SimulatedCamera::ExpectedFrame(std::uint8_t formatInde
     const StreamControl settled = negotiator_.Settle(wanted);
     if (settled.formatIndex != formatIndex || settled.frameIndex != frameIndex)
         return {};
-    return *sensor_.Expose(RasterOf(settled), SettingsAt(number), number);
+    const Raster raster = RasterOf(settled);
+    return *sensor_.Expose(raster, SettingsOf(raster, number), number);
 }
 
 StreamState SimulatedCamera::CommittedFormat() const {
@@ -249,6 +388,26 @@ std::vector<CameraControl> SimulatedCamera::Controls() const {
 std::vector<Defect> SimulatedCamera::Defects() const {
     const std::lock_guard lock(mutex_);
     return sensor_.Defects();
+}
+
+std::vector<DefectList> SimulatedCamera::DefectLists() const {
+    const std::lock_guard lock(mutex_);
+    return sensor_.DefectLists();
+}
+
+std::vector<std::uint8_t> SimulatedCamera::UserData() const {
+    const std::lock_guard lock(mutex_);
+    return store_.Bytes();
+}
+
+void SimulatedCamera::SetUserData(std::span<const std::uint8_t> data) {
+    const std::lock_guard lock(mutex_);
+    store_.Assign(data);
+}
+
+int SimulatedCamera::FocusAt(Ticks now) const {
+    const std::lock_guard lock(mutex_);
+    return motor_.PositionAt(now);
 }
 
 CameraCounters SimulatedCamera::Counters() const {

@@ -1,5 +1,4 @@
-// The control pipe: standard requests (USB 2.0, 9.4), class requests (UVC 1.1, 4) and the cameras' vendor requests
-// (docs/camera-protocol.md).
+// The control pipe: standard requests (USB 2.0, 9.4) and class requests (UVC 1.1, 4).
 #include "host/cameras/descriptors.h"
 #include "host/cameras/simulated_camera.h"
 
@@ -28,15 +27,8 @@ enum StandardRequestCode : std::uint8_t {
     kSetInterface = 11,
 };
 
-enum ClassRequestCode : std::uint8_t {
-    kSetCur = 0x01,
-    kGetCur = 0x81,
-    kGetMin = 0x82,
-    kGetMax = 0x83,
-    kGetLen = 0x85,
-    kGetInfo = 0x86,
-    kGetDef = 0x87,
-};
+// The extension unit's software trigger of families A and B.
+constexpr std::uint8_t kUnitSoftwareTrigger = 15;
 
 constexpr std::uint8_t kProbe = 1;
 constexpr std::uint8_t kCommit = 2;
@@ -52,55 +44,16 @@ template <typename... Byte> TransferResult AnswerBytes(std::span<std::uint8_t> d
     return Answer(data, bytes);
 }
 
-enum VendorRequestCode : std::uint8_t {
-    kFirmwareRevision = 0x16,
-    kDeviceStatus = 0x17,
-    kUserRegister = 0x19,
-    kDescription = 0x20,
-    kStreamingMode = 0x21,
-    kFrameRateCode = 0x22,
-    kLoader = 0x42,
-};
-
-constexpr std::uint8_t kVendorOut = 0x40;
-constexpr std::uint8_t kVendorIn = 0xC0;
-constexpr std::uint16_t kLoaderValue = 0xB0C4;
-constexpr std::uint16_t kLoaderIndex = 0x2E71;
-
-enum FamilyBits : unsigned { kA = 1, kB = 2, kC = 4 };
-
-struct VendorRow {
-    std::uint8_t request;
-    std::uint8_t requestType;
-    std::uint16_t length;
-    unsigned families;
-    bool takesParameters; // wValue and wIndex; they are 0 otherwise
-};
-
-constexpr VendorRow kVendorRows[] = {
-    {kFirmwareRevision, kVendorIn, 2, kA | kB | kC, false},
-    {kDeviceStatus, kVendorIn, 2, kA | kB, false},
-    {kUserRegister, kVendorOut, 4, kA | kB, false},
-    {kDescription, kVendorIn, 8, kB | kC, false},
-    {kStreamingMode, kVendorOut, 1, kC, true},
-    {kFrameRateCode, kVendorOut, 0, kC, true},
-    {kLoader, kVendorOut, 0, kA | kB, true},
-};
-
-unsigned FamilyBit(Family family) {
-    return family == Family::A ? kA : family == Family::B ? kB : family == Family::C ? kC : 0u;
-}
-
 } // namespace
 
-TransferResult SimulatedCamera::Dispatch(const Setup &setup, std::span<std::uint8_t> data) {
+TransferResult SimulatedCamera::Dispatch(const Setup &setup, std::span<std::uint8_t> data, Ticks now) {
     switch (setup.requestType >> 5 & 3) {
     case 0:
         return StandardRequest(setup, data);
     case 1:
-        return ClassRequest(setup, data);
+        return ClassRequest(setup, data, now);
     case 2:
-        return VendorRequest(setup, data);
+        return VendorRequest(setup, data, now);
     default:
         return kStall;
     }
@@ -200,7 +153,7 @@ TransferResult SimulatedCamera::SetInterface(std::uint8_t number, std::uint8_t a
     return {};
 }
 
-TransferResult SimulatedCamera::ClassRequest(const Setup &setup, std::span<std::uint8_t> data) {
+TransferResult SimulatedCamera::ClassRequest(const Setup &setup, std::span<std::uint8_t> data, Ticks now) {
     if ((setup.requestType & 0x1F) != 1 || configuration_ == 0)
         return kStall;
     const auto interface = static_cast<std::uint8_t>(setup.index);
@@ -209,8 +162,12 @@ TransferResult SimulatedCamera::ClassRequest(const Setup &setup, std::span<std::
     if (interface != function_.controlInterface)
         return kStall;
     const TransferResult result = controls_.Request(setup, data);
-    if (result.status == TransferStatus::Ok && setup.request == kSetCur)
-        NoteSettings();
+    if (result.status == TransferStatus::Ok && setup.request == kSetCur) {
+        ControlsChanged(now);
+        const bool unit = setup.index >> 8 == kExtensionUnitId && body_.model.family != Family::C;
+        if (unit && setup.value >> 8 == kUnitSoftwareTrigger && data[0] != 0)
+            Trigger(now);
+    }
     return result;
 }
 
@@ -242,6 +199,7 @@ TransferResult SimulatedCamera::StreamingRequest(const Setup &setup, std::span<s
             committed_ = settled;
             codedInterval_ = 0;
             ++counters_.commits;
+            ChooseRegion();
             StopStream();
         }
         probe_ = settled;
@@ -262,67 +220,6 @@ TransferResult SimulatedCamera::StreamingRequest(const Setup &setup, std::span<s
     default:
         return kStall;
     }
-}
-
-TransferResult SimulatedCamera::VendorRequest(const Setup &setup, std::span<std::uint8_t> data) {
-    const Model &model = body_.model;
-    const auto row = std::find_if(std::begin(kVendorRows), std::end(kVendorRows),
-                                  [&](const VendorRow &entry) { return entry.request == setup.request; });
-    if (row == std::end(kVendorRows) || (row->families & FamilyBit(model.family)) == 0 ||
-        row->requestType != setup.requestType)
-        return kStall;
-    if (!row->takesParameters && (setup.value != 0 || setup.index != 0))
-        return kStall;
-    if (row->requestType == kVendorOut && data.size() != row->length)
-        return kStall;
-
-    switch (setup.request) {
-    case kFirmwareRevision:
-        return AnswerBytes(data, model.firmwareRevision, model.firmwareRevision >> 8);
-    case kDeviceStatus:
-        return AnswerBytes(data, streaming_ ? 1 : 0, 0);
-    case kUserRegister:
-        userRegister_ = data[0] | data[1] << 8 | data[2] << 16 | std::uint32_t{data[3]} << 24;
-        return {TransferStatus::Ok, data.size()};
-    case kDescription: {
-        const int features = (model.colour ? 1 : 0) | (model.motorisedFocus ? 2 : 0) | (model.registerBlock ? 4 : 0) |
-                             (model.binning ? 8 : 0) | (model.regionOfInterest ? 16 : 0);
-        return AnswerBytes(data, 1, features, static_cast<int>(model.pattern), 0, model.sensorWidth,
-                           model.sensorWidth >> 8, model.sensorHeight, model.sensorHeight >> 8);
-    }
-    case kStreamingMode:
-        return {TransferStatus::Ok, data.size()};
-    case kFrameRateCode:
-        return SetFrameRateCode(setup.value);
-    case kLoader:
-        if (setup.value != kLoaderValue || setup.index != kLoaderIndex)
-            return kStall;
-        // The loader starts the firmware again at once: what the host sees is a camera after power-up.
-        PowerUp();
-        return {};
-    default:
-        return kStall;
-    }
-}
-
-TransferResult SimulatedCamera::SetFrameRateCode(std::uint16_t code) {
-    const Raster raster = RasterOf(probe_);
-    for (const FormatModel &format : body_.model.formats) {
-        for (const FrameModel &frame : format.frames) {
-            if (frame.width != raster.width || frame.height != raster.height || frame.continuous)
-                continue;
-            for (const FrameInterval &entry : frame.intervals) {
-                if (entry.code != code)
-                    continue;
-                // The exposure that is under way keeps its time.
-                epochTime_ += static_cast<Ticks>(nextNumber_ - epochNumber_) * Interval();
-                epochNumber_ = nextNumber_;
-                codedInterval_ = entry.interval;
-                return {};
-            }
-        }
-    }
-    return kStall;
 }
 
 } // namespace host::cameras

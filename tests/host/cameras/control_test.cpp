@@ -175,69 +175,6 @@ TEST(Controls, StallAndSayWhy) {
     EXPECT_EQ(camera->Counters().controlRequests, log.size());
 }
 
-TEST(VendorRequests, ByFamily) {
-    constexpr std::uint8_t kOut = 0x40, kIn = 0xC0;
-    const struct {
-        std::uint8_t type, request;
-        std::uint16_t value, index, length;
-        const char *answer; // by generic, 8101, 8102, 8201: y or -
-    } kRows[] = {
-        {kIn, 0x16, 0, 0, 2, "-yyy"},  {kIn, 0x17, 0, 0, 2, "-yy-"},       {kOut, 0x19, 0, 0, 4, "-yy-"},
-        {kOut, 0x19, 0, 0, 3, "----"}, {kIn, 0x20, 0, 0, 8, "--yy"},       {kOut, 0x21, 1, 2, 1, "---y"},
-        {kOut, 0x21, 1, 2, 0, "----"}, {kOut, 0x22, 6, 0, 0, "---y"},      {kOut, 0x22, 9, 0, 0, "----"},
-        {kIn, 0x16, 1, 0, 2, "----"},  {kIn, 0x16, 0, 1, 2, "----"},       {kOut, 0x16, 0, 0, 2, "----"},
-        {0xC1, 0x16, 0, 0, 2, "----"}, {kOut, 0x42, 0xB0C4, 0, 0, "----"}, {kOut, 0x42, 0xB0C4, 0x2E71, 0, "-yy-"},
-        {kIn, 0x18, 0, 0, 2, "----"},
-    };
-    const char *const kNames[] = {"sim:generic", "sim:8101", "sim:8102", "sim:8201"};
-    for (std::size_t i = 0; i < 4; ++i) {
-        const auto camera = Make(kNames[i]);
-        ASSERT_TRUE(Configure(*camera));
-        for (const auto &row : kRows) {
-            const bool accepted =
-                (row.type & 0x80) != 0
-                    ? Get(*camera, row.type, row.request, row.value, row.index, row.length).has_value()
-                    : Set(*camera, row.type, row.request, row.value, row.index, Bytes(row.length));
-            EXPECT_EQ(accepted, row.answer[i] == 'y') << kNames[i] << " " << int{row.request} << " " << row.value;
-        }
-    }
-}
-
-TEST(VendorRequests, AnswerAndAct) {
-    const auto description = [](const char *name) { return Get(*Make(name), 0xC0, 0x20, 0, 0, 8).value_or(Bytes{}); };
-    EXPECT_EQ(description("sim:8102"), (Bytes{1, 0x09, 3, 0, 0x40, 6, 0xB0, 4}));
-    EXPECT_EQ(description("sim:8202"), (Bytes{1, 0x0C, 0, 0, 0, 5, 0xC0, 3}));
-    EXPECT_EQ(description("sim:8205"), (Bytes{1, 0x1F, 2, 0, 0x20, 0x0A, 0x98, 7}));
-    EXPECT_EQ(Get(*Make("sim:8101"), 0xC0, 0x16, 0, 0, 2), (Bytes{0x23, 1}));
-    EXPECT_EQ(Get(*Make("sim:8207"), 0xC0, 0x16, 0, 0, 2), (Bytes{0, 0}));
-
-    // Code 7 at width 320 is an interval of 62500; it lasts until the next commit.
-    const auto camera = Make("sim:8201");
-    ASSERT_TRUE(Configure(*camera));
-    ASSERT_TRUE(Commit(*camera, 1, 2, 333333));
-    ASSERT_TRUE(Set(*camera, 0x40, 0x22, 7, 0));
-    EXPECT_FALSE(ReadFrame(*camera, 0).empty());
-    EXPECT_TRUE(ReadFrame(*camera, 62499).empty());
-    EXPECT_FALSE(ReadFrame(*camera, 62500).empty());
-    EXPECT_EQ(camera->CommittedFormat().interval, 62500u);
-    EXPECT_EQ(Little(GetProbe(*camera), 4, 4), 333333u);
-    // A host that starts again probes, finds nothing to commit, and resets the pipe.
-    ASSERT_TRUE(SetProbe(*camera, Block(1, 2, 333332)));
-    camera->ResetEndpoint(0x81);
-    EXPECT_FALSE(ReadFrame(*camera, 1'000'000).empty());
-    EXPECT_FALSE(ReadFrame(*camera, 1'062'500).empty());
-    ASSERT_TRUE(Commit(*camera, 1, 2, 333333));
-    EXPECT_EQ(camera->CommittedFormat().interval, 333333u);
-
-    const auto restarted = Make("sim:8101");
-    ASSERT_TRUE(Configure(*restarted));
-    ReadFrame(*restarted, 0);
-    EXPECT_EQ(Get(*restarted, 0xC0, 0x17, 0, 0, 2), (Bytes{1, 0}));
-    ASSERT_TRUE(Set(*restarted, 0x40, 0x42, 0xB0C4, 0x2E71));
-    EXPECT_EQ(Get(*restarted, 0x80, 8, 0, 0, 1), Bytes{0}) << "not configured";
-    EXPECT_EQ(Get(*restarted, 0xC0, 0x17, 0, 0, 2), (Bytes{0, 0}));
-}
-
 TEST(StandardRequests, KeepTheirRules) {
     const auto camera = Make("sim:generic");
     EXPECT_FALSE(Set(*camera, 0x01, 11, 0, 1)) << "no interface before a configuration";
