@@ -95,7 +95,10 @@ TEST(Controls, AnswerWithTheirRange) {
         {"sim:generic", 2, 6, {0x30, 0xF8}, {0xD0, 7}, {0, 0}},
         {"sim:generic", 2, 12, {0, 0, 0, 0}, {0xFF, 3, 0xFF, 3}, {0, 1, 0, 1}},
         {"sim:8101", 3, 4, {0, 0, 0, 0}, {0xFF, 0, 0, 0}, {0x80, 0, 0, 0}},
+        {"sim:8101", 2, 2, {0x80, 0xFF}, {0x7F, 0}, {0, 0}},
+        {"sim:8102", 2, 2, {0x01, 0xFF}, {0xFF, 0}, {0xF0, 0xFF}},
         {"sim:8201", 2, 4, {64, 0}, {0xFF, 3}, {64, 0}},
+        {"sim:8204", 1, 4, {1, 0, 0, 0}, {0x88, 0x13, 0, 0}, {0x4D, 1, 0, 0}},
         {"sim:8205", 1, 6, {0, 0}, {0xE8, 3}, {0xF4, 1}},
     };
     for (const auto &row : kRows) {
@@ -123,6 +126,45 @@ TEST(Controls, AnswerWithTheirRange) {
         EXPECT_EQ(Ask(*camera, kCur, row.entity, row.selector, size), row.maximum) << what;
         EXPECT_EQ(Ask(*camera, kCur, 0, 2, 1), Bytes{0}) << "the last request went well";
     }
+}
+
+// What a driver must be ready for in the models' answers.
+TEST(Controls, LackWhatTheModelSays) {
+    const struct {
+        const char *camera;
+        std::uint8_t entity, selector;
+        std::uint8_t request;
+        std::optional<Bytes> answer; // nothing: a stall
+    } kRows[] = {
+        {"sim:generic", 1, 9, kInfo, Bytes{1}},
+        {"sim:generic", 2, 1, kMin, {}},
+        {"sim:generic", 2, 1, kMax, Bytes{4, 0}},
+        {"sim:generic", 2, 14, kDef, {}},
+        {"sim:generic", 2, 14, kRes, Bytes{1, 0}},
+        {"sim:generic", 2, 15, kRes, {}},
+        {"sim:8102", 3, 12, kLen, Bytes{12, 0}},
+        {"sim:8102", 3, 12, kCur, Bytes{0, 0}},
+        {"sim:8102", 3, 13, kLen, Bytes{0, 0}},
+        {"sim:8102,stall=3:4,stall=1:4", 3, 4, kInfo, {}},
+        {"sim:8102,stall=3:4,stall=1:4", 3, 4, kCur, {}},
+        {"sim:8102,stall=3:4,stall=1:4", 1, 4, kCur, {}},
+        {"sim:8102,stall=3:4,stall=1:4", 3, 4, kMax, Bytes{0xFF, 0, 0, 0}},
+        {"sim:8102,stall=3:4,stall=1:4", 2, 4, kCur, Bytes{64, 0}},
+    };
+    for (const auto &row : kRows) {
+        const auto camera = Make(row.camera);
+        ASSERT_TRUE(Configure(*camera));
+        EXPECT_EQ(Ask(*camera, row.request, row.entity, row.selector, 12), row.answer)
+            << row.camera << " " << int{row.entity} << "." << int{row.selector} << " " << int{row.request};
+    }
+    const auto generic = Make("sim:generic");
+    ASSERT_TRUE(Configure(*generic));
+    EXPECT_FALSE(Tell(*generic, 1, 9, {50, 0})) << "read-only";
+    EXPECT_EQ(Ask(*generic, kCur, 0, 2, 1), Bytes{7});
+    EXPECT_EQ(Ask(*generic, kCur, 1, 9, 2), (Bytes{28, 0}));
+    std::string reason;
+    for (const char *wrong : {"", "3", "3:", ":4", "0:4", "3:256", "3:4:5"})
+        EXPECT_EQ(MakeCamera(std::string("sim:8102,stall=") + wrong, reason), nullptr) << wrong;
 }
 
 TEST(Controls, EveryAnnouncedSelectorAnswers) {

@@ -152,29 +152,122 @@ TEST(Sensor, FollowsLightAndColourTemperature) {
     EXPECT_EQ(greys(), (std::array<int, 3>{255, 255, 255}));
 }
 
-TEST(Sensor, IsSharpestAtTheRightFocus) {
-    const auto camera = Make("sim:8205,sharp=420");
-    ASSERT_TRUE(Configure(*camera));
-    const auto sharpness = [&](int position) {
-        EXPECT_TRUE(Set(*camera, 0x21, 1, 0x0600, 0x0100,
-                        {static_cast<std::uint8_t>(position), static_cast<std::uint8_t>(position >> 8)}));
-        const Bytes frame = camera->ExpectedFrame(1, 3, 0);
-        double sum = 0;
-        for (std::size_t i = 2; i < frame.size(); ++i)
-            sum += std::abs(frame[i] - frame[i - 2]);
-        return sum;
-    };
-    const double best = sharpness(420);
-    double above = best;
-    double below = best;
-    for (int distance : {20, 60, 120, 250, 400}) {
-        const double next = sharpness(420 + distance);
-        EXPECT_LT(next, above) << distance;
-        above = next;
-        const double other = sharpness(420 - distance);
-        EXPECT_LT(other, below) << distance;
-        below = other;
+TEST(Sensor, ShowsScenesThatNeedNoFile) {
+    const auto flat = Make("sim:8202,scene=flat");
+    EXPECT_EQ(flat->ExpectedFrame(1, 2, 0), Bytes(320 * 240, 128));
+    const auto grey = Make("sim:8201,scene=grey");
+    const auto chart = Make("sim:8201");
+    const Bytes neutral = grey->ExpectedFrame(1, 2, 0);
+    EXPECT_NE(neutral, chart->ExpectedFrame(1, 2, 0));
+    // The same brightness through every filter: green against its blue and red neighbours, over the whole picture.
+    double sums[3] = {};
+    for (std::size_t y = 0; y < 240; ++y)
+        for (std::size_t x = 0; x < 320; ++x)
+            sums[y % 2 + x % 2] += neutral[y * 320 + x];
+    EXPECT_NEAR(sums[0] / 19200, sums[1] / 38400, 1);
+    EXPECT_NEAR(sums[2] / 19200, sums[1] / 38400, 1);
+    std::string reason;
+    EXPECT_TRUE(chart->SetScene("grey", reason));
+    EXPECT_EQ(chart->ExpectedFrame(1, 2, 0), neutral);
+    EXPECT_EQ(MakeCamera("sim:8201,scene=absent.png", reason), nullptr);
+    EXPECT_TRUE(reason.starts_with("absent.png: ")) << reason;
+}
+
+// The automatics have something to converge on: gains up to 3.98 mend the cast, and the pixels still differ.
+TEST(Sensor, KeepsCastAndBrightnessWithinTheReachOfTheAutomatics) {
+    for (const char *options : {"kelvin=2800", "kelvin=9000", "kelvin=2800,light=0.125", "kelvin=9000,light=8"}) {
+        const auto camera = Make(std::string("sim:8201,scene=grey,") + options);
+        ASSERT_TRUE(Configure(*camera));
+        const bool dark = std::string_view(options).ends_with("0.125");
+        const bool bright = std::string_view(options).ends_with("=8");
+        if (dark || bright) {
+            const std::uint16_t exposure = dark ? 333 * 8 : 333 / 8;
+            ASSERT_TRUE(Set(*camera, 0x21, 1, 0x0400, 0x0100,
+                            {static_cast<std::uint8_t>(exposure), static_cast<std::uint8_t>(exposure >> 8), 0, 0}));
+        }
+        const Bytes frame = camera->ExpectedFrame(1, 2, 0);
+        double sums[3] = {}; // blue, both greens, red
+        for (std::size_t i = 0; i < frame.size(); ++i)
+            sums[i / 320 % 2 + i % 2] += frame[i];
+        sums[1] /= 2;
+        const auto [least, most] = std::minmax({sums[0], sums[1], sums[2]});
+        EXPECT_GT(most / least, 1.8) << options;
+        EXPECT_LT(most / least, 3.5) << options;
+        EXPECT_NEAR(sums[1] / 19200, 117, 8) << options;
     }
+}
+
+// The differences of blocks of pixels, as an autofocus looks at them.
+double Sharpness(const Bytes &frame, std::size_t width) {
+    double sum = 0;
+    for (std::size_t row = 0; row < frame.size() / width; row += 24) {
+        int best = 0;
+        for (std::size_t x = 0; x + 16 <= width; x += 4) {
+            int difference = 0;
+            for (std::size_t i = 0; i < 8; ++i)
+                difference += frame[row * width + x + i] - frame[row * width + x + i + 8];
+            best = std::max(best, std::abs(difference));
+        }
+        sum += best;
+    }
+    return sum;
+}
+
+TEST(Sensor, IsSharpestAtTheRightFocus) {
+    for (int sharp : {120, 420, 800}) {
+        Sensor sensor(*FindModel("8205"), {.surroundings = {.sharpAt = sharp}});
+        const Raster raster{PixelFormat::Bayer8, 640, 480, 640 * 480};
+        double last[2] = {1e9, 1e9};
+        for (int distance = 0; distance <= 880; distance += 8 + distance / 8) {
+            for (int side : {0, 1}) {
+                const int position = side == 0 ? sharp - distance : sharp + distance;
+                if (position < 0 || position > 1000)
+                    continue;
+                const SensorSettings settings{.focus = position, .region = {.binning = 4}};
+                const double sharpness = Sharpness(*sensor.Expose(raster, settings, 0), 640);
+                EXPECT_LT(sharpness, last[side]) << sharp << " " << position;
+                last[side] = sharpness;
+            }
+        }
+    }
+}
+
+TEST(FocusMotor, MovesEvenlyAndShowsWhereItIs) {
+    const auto camera = Make("sim:8205,sharp=900");
+    ASSERT_TRUE(Configure(*camera));
+    ASSERT_TRUE(Commit(*camera, 1, 3, 370009));
+    const auto move = [&](std::uint16_t position, usb::Ticks now) {
+        Bytes data{static_cast<std::uint8_t>(position), static_cast<std::uint8_t>(position >> 8)};
+        return camera->Control({0x21, 1, 0x0600, 0x0100, 2}, data, now).status == usb::TransferStatus::Ok;
+    };
+    constexpr usb::Ticks kStart = 100'000'000;
+    ASSERT_TRUE(move(900, kStart)); // from 500: 320 ms
+    const struct {
+        usb::Ticks at;
+        int position;
+    } kRows[] = {{-5, 500}, {0, 500}, {1'600'000, 700}, {3'192'000, 899}, {3'200'000, 900}, {90'000'000, 900}};
+    for (const auto &row : kRows)
+        EXPECT_EQ(camera->FocusAt(kStart + row.at), row.position) << row.at;
+    EXPECT_FALSE(move(1001, kStart));
+
+    const Bytes sharp = camera->ExpectedFrame(1, 3, 0);
+    std::vector<Bytes> frames;
+    for (int i = 0; i < 12; ++i)
+        frames.push_back(ReadFrame(*camera, kStart + i * 370'009));
+    for (std::size_t i = 0; i < frames.size(); ++i) {
+        EXPECT_EQ(frames[i], camera->ExpectedFrame(1, 3, i)) << "what was, stays known";
+        EXPECT_EQ(frames[i] == sharp, i >= 9) << i;
+        if (i > 0 && i < 9) {
+            EXPECT_GT(Sharpness(frames[i], 640), Sharpness(frames[i - 1], 640)) << i;
+        }
+    }
+    // Half-way to the other end it turns round.
+    ASSERT_TRUE(move(0, kStart + 10'000'000));
+    ASSERT_TRUE(move(1000, kStart + 13'200'000));
+    EXPECT_EQ(camera->FocusAt(kStart + 13'200'000), 500);
+    EXPECT_EQ(camera->FocusAt(kStart + 15'200'000), 750);
+    camera->ResetPort();
+    EXPECT_EQ(camera->FocusAt(kStart + 15'200'000), 500);
 }
 
 TEST(Sensor, NoiseDefectsAndMarkAreWhatTheOptionsSay) {
