@@ -40,6 +40,10 @@ constexpr ControlRow Image(const char *name, ULONG id, const char *unit = "", Co
             .inactive = {inactive, alsoInactive}};
 }
 
+constexpr ControlRow RegisterOfPair(const char *name, ULONG part) {
+    return {.name = name, .control = {kPrivateImageSet, 125, part}};
+}
+
 constexpr ControlRow Matrix(const char *name, ULONG id, const char *unit = "", ControlKind kind = ControlKind::Number,
                             Inactivity inactive = {}) {
     return {.name = name, .control = {kColourMatrixSet, id}, .kind = kind, .unit = unit, .inactive = {inactive}};
@@ -98,7 +102,8 @@ constexpr ControlRow kRows[] = {
     Image("Binning", 211),
     Image("GreenSmoothing", 210, "", ControlKind::Switch),
     Image("GeneralRegister", 122),
-    Image("GeneralRegisters", 125),
+    RegisterOfPair("GeneralRegister1", 0),
+    RegisterOfPair("GeneralRegister2", 1),
     Image("GeneralValue1", 203),
     Image("GeneralValue2", 204),
     Image("GeneralValue3", 205),
@@ -125,8 +130,8 @@ constexpr ControlRow kRows[] = {
     Matrix("BayerPattern", 12),
     Matrix("DefectCorrection", 32, "", ControlKind::Switch),
 };
-// All items of the four sets but the three lists of defective pixels (33 to 35 of the colour matrix).
-static_assert(std::size(kRows) == 13 + 16 + 28 + 17 - 3);
+// All items of the four sets but the three lists of defective pixels (33 to 35 of the colour matrix); 125 has two rows.
+static_assert(std::size(kRows) == 13 + 16 + 28 + 1 + 17 - 3);
 
 std::string Plain(std::string_view name) {
     std::string plain;

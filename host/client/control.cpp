@@ -6,24 +6,29 @@ namespace host::client {
 
 namespace {
 
-constexpr ULONG kRegisterControl = 122;  // of the image controls
-constexpr ULONG kRegistersControl = 125; // likewise
+constexpr ULONG kRegisterControl = 122;     // of the image controls
+constexpr ULONG kRegisterPairControl = 125; // likewise
 
-// The blocks of all sets begin like this; those of the standard sets end before the range.
-struct ControlBlock {
-    KSPROPERTY property{};
+// What a block tells about its control. Those of the standard sets, and of the register, end before the range.
+struct ControlWords {
     LONG value = 0;
     ULONG flags = 0;
     ULONG capabilities = 0;
     LONG minimum = 0;
     LONG maximum = 0;
     LONG defaultValue = 0;
-    std::uint8_t more[40]{};
+    LONG step = 0; // from here on only of a pair of registers
+    ULONG reserved = 0;
+};
+
+struct ControlBlock {
+    KSPROPERTY property{};
+    ControlWords words[2];
 };
 constexpr std::size_t kStandardSize = sizeof(KSPROPERTY_VIDEOPROCAMP_S);
 constexpr std::size_t kPrivateSize = 48;
 static_assert(kStandardSize == 40 && sizeof(KSPROPERTY_CAMERACONTROL_S) == kStandardSize);
-static_assert(offsetof(ControlBlock, more) == kPrivateSize && sizeof(ControlBlock) == 88);
+static_assert(sizeof(KSPROPERTY) + offsetof(ControlWords, step) == kPrivateSize && sizeof(ControlBlock) == 88);
 
 bool IsStandard(const ControlId &control) {
     return IsEqualGUID(control.set, kVideoProcAmpSet) || IsEqualGUID(control.set, kCameraControlSet);
@@ -32,7 +37,7 @@ bool IsStandard(const ControlId &control) {
 std::size_t BlockSize(const ControlId &control) {
     if (IsStandard(control) || (IsEqualGUID(control.set, kPrivateImageSet) && control.id == kRegisterControl))
         return kStandardSize;
-    if (IsEqualGUID(control.set, kPrivateImageSet) && control.id == kRegistersControl)
+    if (IsEqualGUID(control.set, kPrivateImageSet) && control.id == kRegisterPairControl)
         return sizeof(ControlBlock);
     return kPrivateSize;
 }
@@ -69,16 +74,17 @@ NTSTATUS GetPrivateRange(KsFile &filter, const ControlId &control, ControlRange 
     if (!NT_SUCCESS(status) || access == 0)
         return status;
     range.access = access;
-    if (BlockSize(control) != kPrivateSize)
-        return STATUS_SUCCESS;
     ControlBlock block;
+    const ControlWords &words = block.words[control.part];
     // A control that can only be set, or whose camera does not answer, has no range.
     if (!NT_SUCCESS(filter.GetBlock(control.set, control.id, BlockOf(control, block))) ||
-        block.minimum >= block.maximum)
+        BlockSize(control) < kPrivateSize || words.minimum >= words.maximum)
         return STATUS_SUCCESS;
-    range.minimum = block.minimum;
-    range.maximum = block.maximum;
-    range.defaultValue = block.defaultValue;
+    range.minimum = words.minimum;
+    range.maximum = words.maximum;
+    range.defaultValue = words.defaultValue;
+    if (words.step != 0)
+        range.step = words.step;
     return STATUS_SUCCESS;
 }
 
@@ -92,15 +98,22 @@ NTSTATUS GetControlRange(KsFile &filter, const ControlId &control, ControlRange 
 NTSTATUS GetControl(KsFile &filter, const ControlId &control, ControlSetting &setting) {
     ControlBlock block;
     const NTSTATUS status = filter.GetBlock(control.set, control.id, BlockOf(control, block));
+    const ControlWords &words = block.words[control.part];
     if (NT_SUCCESS(status))
-        setting = {.value = block.value, .flags = block.flags, .capabilities = block.capabilities};
+        setting = {.value = words.value, .flags = words.flags, .capabilities = words.capabilities};
     return status;
 }
 
 NTSTATUS SetControl(KsFile &filter, const ControlId &control, const ControlSetting &setting) {
     ControlBlock block;
-    block.value = setting.value;
-    block.flags = setting.flags;
+    // Registers go together: the other one keeps its value.
+    if (BlockSize(control) == sizeof(block)) {
+        const NTSTATUS status = filter.GetBlock(control.set, control.id, BlockOf(control, block));
+        if (!NT_SUCCESS(status))
+            return status;
+    }
+    block.words[control.part].value = setting.value;
+    block.words[control.part].flags = setting.flags;
     return filter.SetBlock(control.set, control.id, BlockOf(control, block));
 }
 

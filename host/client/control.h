@@ -12,6 +12,7 @@ namespace host::client {
 struct ControlId {
     GUID set; // kVideoProcAmpSet, kCameraControlSet, kPrivateImageSet or kColourMatrixSet
     ULONG id;
+    ULONG part = 0; // of the two registers that image control 125 holds
 };
 
 // Flags and capabilities, as the video property sets have them.
