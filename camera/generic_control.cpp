@@ -1,11 +1,9 @@
 // Handlers that serve a control by nothing but UVC requests.
 #include "camera/control.h"
 #include "camera/control_id.h"
+#include "camera/exposure_value.h"
 #include "camera/uvc_camera.h"
 #include "platform/shared_field.h"
-
-#include <algorithm>
-#include <bit>
 
 namespace uvc {
 
@@ -67,26 +65,12 @@ ULONGLONG EncodeNumber(const ControlRequest &, const UvcControl &, LONG value) {
     return static_cast<ULONGLONG>(LONGLONG{value});
 }
 
-constexpr ULONG kUnitsPerSecond = 10000; // of UVC's exposure time
-constexpr int kLongestExposure = 17;     // 2^18 seconds are more units than a LONG holds
-constexpr int kShortestExposure = -13;   // one unit; below it is none
-
-int FloorLog2(ULONG number) {
-    return std::bit_width(number) - 1;
-}
-
-// Times between two powers of two: the nearer to one second.
 LONG DecodeExposure(const ControlRequest &, const UvcControl &control, ULONGLONG raw) {
-    const auto time = static_cast<ULONG>(UvcControlNumber(control, raw));
-    if (time == 0)
-        return kShortestExposure;
-    return time >= kUnitsPerSecond ? FloorLog2(time / kUnitsPerSecond) : -FloorLog2(kUnitsPerSecond / time);
+    return ExposureValue(UvcControlNumber(control, raw));
 }
 
 ULONGLONG EncodeExposure(const ControlRequest &, const UvcControl &, LONG value) {
-    if (value >= 0)
-        return kUnitsPerSecond << std::min<LONG>(value, kLongestExposure);
-    return value < kShortestExposure ? 0 : kUnitsPerSecond >> -value;
+    return static_cast<ULONG>(ExposureUnits(value));
 }
 
 // Where a component lies in the white-balance component control: blue in the first half, red in the second

@@ -9,14 +9,15 @@ namespace uvc {
 
 namespace {
 
-NTSTATUS Receive(UvcCamera &camera, VendorRequestCode request, void *data, ULONG length, ULONG &received) {
+NTSTATUS Receive(UvcCamera &camera, VendorRequestCode request, USHORT value, USHORT index, void *data, ULONG length,
+                 ULONG &received) {
     const UvcControlRequest control{
         .out = 0,
         .vendor = 1,
         .recipient = kRecipientDevice,
         .request = request,
-        .value = 0,
-        .index = 0,
+        .value = value,
+        .index = index,
         .length = length,
         .data = data,
     };
@@ -41,10 +42,17 @@ NTSTATUS VendorSend(UvcCamera &camera, VendorRequestCode request, USHORT value, 
     return UvcSendControlRequest(camera, control, sent);
 }
 
+NTSTATUS VendorRead(UvcCamera &camera, VendorRequestCode request, USHORT value, USHORT index, void *data,
+                    ULONG length) {
+    ULONG received = 0;
+    NTSTATUS status = Receive(camera, request, value, index, data, length, received);
+    return NT_SUCCESS(status) && received != length ? STATUS_UNSUCCESSFUL : status;
+}
+
 NTSTATUS VendorReadWord(UvcCamera &camera, VendorRequestCode request, ULONG &value) {
     USHORT word = 0;
     ULONG received = 0;
-    NTSTATUS status = Receive(camera, request, &word, sizeof(word), received);
+    NTSTATUS status = Receive(camera, request, 0, 0, &word, sizeof(word), received);
     if (NT_SUCCESS(status))
         value = word;
     return status;
@@ -52,12 +60,12 @@ NTSTATUS VendorReadWord(UvcCamera &camera, VendorRequestCode request, ULONG &val
 
 NTSTATUS VendorReadDescription(UvcCamera &camera, CameraDescription &description) {
     constexpr UCHAR kVersion = 1;
-    enum Feature : UCHAR { kColour = 1, kRegisters = 4 };
+    enum Feature : UCHAR { kColour = 0x01, kRegisters = 0x04, kUserData = 0x20 };
 
     description = {};
     UCHAR bytes[sizeof(description.bytes)] = {};
     ULONG received = 0;
-    NTSTATUS status = Receive(camera, kReadCameraDescription, bytes, sizeof(bytes), received);
+    NTSTATUS status = Receive(camera, kReadCameraDescription, 0, 0, bytes, sizeof(bytes), received);
     if (status == STATUS_INSUFFICIENT_RESOURCES)
         return status;
     if (!NT_SUCCESS(status) || received != sizeof(bytes) || bytes[0] != kVersion)
@@ -69,6 +77,7 @@ NTSTATUS VendorReadDescription(UvcCamera &camera, CameraDescription &description
     UCHAR features = cursor.U8();
     description.colour = (features & kColour) != 0;
     description.registerBlock = (features & kRegisters) != 0;
+    description.userDataStore = (features & kUserData) != 0;
     description.pattern = cursor.U8();
     return STATUS_SUCCESS;
 }
