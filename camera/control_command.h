@@ -1,0 +1,42 @@
+// A command to a UVC control that follows from what the driver sees in frames. It is sent from a work item: the thread
+// that converts frames never waits for the camera.
+#pragma once
+
+#include "camera/uvc_control_table.h"
+#include "platform/platform.h"
+#include "usb/work_item_tracker.h"
+
+namespace uvc {
+
+class UvcCamera;
+
+class ControlCommand {
+  public:
+    // With `enabled`, queued values are sent only while it is set.
+    explicit ControlCommand(const bool *enabled = nullptr) : enabled_(enabled) { KeInitializeMutex(&sending_, 0); }
+
+    // The control to command; null when the camera lacks it. No item may be outstanding. IRQL: PASSIVE_LEVEL.
+    void Attach(UvcCamera &camera, UvcControl *control);
+
+    UvcControl *Control() const { return control_; }
+
+    // Has the value sent by a work item. One item at most is outstanding, which sends the value that is the newest when
+    // it runs. A failure is that of the queue: nothing will be sent. IRQL: <= DISPATCH_LEVEL. Lock: none.
+    NTSTATUS Queue(WorkItemTracker &tracker, LONG value);
+
+    // Sends the value now, as an application asks for it: after an item that is just sending. Whoever wants no further
+    // item to send clears `enabled` first. STATUS_NOT_IMPLEMENTED without a control. IRQL: PASSIVE_LEVEL.
+    NTSTATUS Send(LONG value);
+
+  private:
+    static void Run(PDEVICE_OBJECT device, void *context);
+
+    const bool *enabled_; // shared
+    UvcCamera *camera_ = nullptr;
+    UvcControl *control_ = nullptr;
+    LONG value_ = 0;  // shared
+    LONG queued_ = 0; // atomic
+    KMUTEX sending_;
+};
+
+} // namespace uvc
