@@ -1,5 +1,7 @@
 #include "camera/camera_family_b.h"
 
+#include "camera/colour_correction.h"
+
 namespace uvc {
 
 CameraFamilyB::CameraFamilyB(PDEVICE_OBJECT device, FrameSink *sink) : CameraFamilyA(device, sink) {
@@ -17,8 +19,11 @@ NTSTATUS CameraFamilyB::CreateControls() {
         status = VendorReadDescription(*this, description_);
     if (!NT_SUCCESS(status))
         return status;
-    colourSamples_ = decltype(colourSamples_)::AllocateArray(NonPagedPool, kColourSampleBytes);
-    return colourSamples_ ? STATUS_SUCCESS : STATUS_INSUFFICIENT_RESOURCES;
+    colourSamples_ = decltype(colourSamples_)::Allocate(NonPagedPool);
+    if (!colourSamples_)
+        return STATUS_INSUFFICIENT_RESOURCES;
+    status = RegisterProvider(whiteBalance_);
+    return NT_SUCCESS(status) ? RegisterProvider(colourMatrix_) : status;
 }
 
 NTSTATUS CameraFamilyB::FinishFormats() {
@@ -27,11 +32,18 @@ NTSTATUS CameraFamilyB::FinishFormats() {
 
 // A colour camera of this family applies its gains even where they are switched off.
 void CameraFamilyB::ConvertFrame(imaging::ImageDescriptor &destination, imaging::ImageDescriptor &source, ULONG flags) {
-    if (description_.colour) {
-        LabelSource(destination, description_.pattern, source);
-        flags |= imaging::kApplyGains;
+    const bool colour = description_.colour;
+    ColourCorrection correction{.matrixEnabled = colourMatrix_.Enabled(), .gainsEnabled = colour};
+    colourMatrix_.ReadMatrix(correction.matrix);
+    if (colour) {
+        LabelSource(destination, colourMatrix_.Pattern(), source);
+        // The cameras of this family expose by themselves: nobody asks how bright the frame was.
+        std::uint32_t brightness;
+        static_cast<void>(whiteBalance_.Judge(source, correction.matrixEnabled ? &correction.matrix : nullptr,
+                                              *colourSamples_, brightness));
     }
-    ConvertImage(destination, source, description_.colour, correction_, flags);
+    correction.gains = whiteBalance_.Gains();
+    ConvertImage(destination, source, colour, correction, flags);
 }
 
 } // namespace uvc

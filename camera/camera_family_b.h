@@ -2,8 +2,9 @@
 #pragma once
 
 #include "camera/camera_family_a.h"
-#include "camera/colour_correction.h"
+#include "camera/colour_matrix_provider.h"
 #include "camera/vendor_protocol.h"
+#include "camera/white_balance_provider.h"
 
 namespace uvc {
 
@@ -12,7 +13,7 @@ class CameraFamilyB : public CameraFamilyA {
     CameraFamilyB(PDEVICE_OBJECT device, FrameSink *sink);
 
     void Destroy(ULONG flags) override;
-    // Reads the camera's description and allocates the colour samples.
+    // Reads the camera's description, allocates the colour samples and registers white balance and colour matrix.
     NTSTATUS CreateControls() override;
     NTSTATUS FinishFormats() override;
     void ConvertFrame(imaging::ImageDescriptor &destination, imaging::ImageDescriptor &source, ULONG flags) override;
@@ -22,8 +23,9 @@ class CameraFamilyB : public CameraFamilyA {
 
   private:
     CameraDescription description_{};
-    ColourCorrection correction_;
-    PoolPointer<UCHAR, pool_tag::Context> colourSamples_;
+    PoolPointer<imaging::ColourSamples, pool_tag::Context> colourSamples_;
+    WhiteBalanceProvider whiteBalance_{description_};
+    ColourMatrixProvider colourMatrix_{description_};
 };
 
 } // namespace uvc

@@ -1,7 +1,9 @@
 #include "camera/camera_family_c.h"
 
+#include "camera/colour_correction.h"
 #include "camera/descriptor_parser.h"
 #include "camera/parameter.h"
+#include "imaging/brightness.h"
 #include "platform/shared_field.h"
 
 namespace uvc {
@@ -52,6 +54,12 @@ bool CameraFamilyC::IsParameterSupported(ULONG id) {
         return description_.colour;
     case kFamilySwitchParameter:
         return true;
+    case kWriteUserDataParameter:
+    case kLoadUserDataParameter:
+    case kDumpUserDataParameter:
+    case kClearUserDataParameter:
+    case kVendorRegisterParameter:
+        return description_.registerBlock;
     default:
         return UvcCamera::IsParameterSupported(id);
     }
@@ -67,6 +75,16 @@ NTSTATUS CameraFamilyC::SetParameter(ULONG id, ULONG value) {
     case kFamilySwitchParameter:
         SharedStore(familySwitch_, value != 0);
         return STATUS_SUCCESS;
+    case kWriteUserDataParameter:
+        return description_.userDataStore && value == 0 ? STATUS_INVALID_PARAMETER : defects_.SaveStore(*this);
+    case kLoadUserDataParameter:
+        return defects_.LoadStore(*this);
+    case kDumpUserDataParameter:
+        return defects_.DumpStore(*this);
+    case kClearUserDataParameter:
+        return defects_.ClearStore(*this);
+    case kVendorRegisterParameter:
+        return description_.registerBlock ? WriteRegister(*this, 0, value) : STATUS_NOT_IMPLEMENTED;
     default:
         return UvcCamera::SetParameter(id, value);
     }
@@ -111,6 +129,8 @@ NTSTATUS CameraFamilyC::GetParameter(ULONG id, ULONG &value) {
     case kFamilySwitchParameter:
         value = SharedLoad(familySwitch_);
         return STATUS_SUCCESS;
+    case kVendorRegisterParameter:
+        return description_.registerBlock ? ReadRegister(*this, 0, value) : STATUS_NOT_IMPLEMENTED;
     default:
         return UvcCamera::GetParameter(id, value);
     }
@@ -128,8 +148,20 @@ NTSTATUS CameraFamilyC::CreateControls() {
         return status;
     firmwareRevision_ = 0; // a camera without one stays at 0
     static_cast<void>(VendorReadWord(*this, kReadFirmwareRevision, firmwareRevision_));
-    colourSamples_ = decltype(colourSamples_)::AllocateArray(NonPagedPool, kColourSampleBytes);
-    return colourSamples_ ? STATUS_SUCCESS : STATUS_INSUFFICIENT_RESOURCES;
+    colourSamples_ = decltype(colourSamples_)::Allocate(NonPagedPool);
+    return colourSamples_ ? RegisterProviders() : STATUS_INSUFFICIENT_RESOURCES;
+}
+
+NTSTATUS CameraFamilyC::RegisterProviders() {
+    // The store first: it is the sensor's own, and what applications have set comes later.
+    PropertyProvider *const providers[] = {&defects_,    &exposure_, &gain_,    &whiteBalance_, &colourMatrix_,
+                                           &conversion_, &region_,   &trigger_, &registers_,    &focus_};
+    for (PropertyProvider *provider : providers) {
+        NTSTATUS status = RegisterProvider(*provider);
+        if (!NT_SUCCESS(status))
+            return status;
+    }
+    return STATUS_SUCCESS;
 }
 
 NTSTATUS CameraFamilyC::CreateWorker() {
@@ -153,6 +185,7 @@ NTSTATUS CameraFamilyC::BuildProbeRequest(const KS_VIDEOINFOHEADER &format, Prob
 void CameraFamilyC::OnCommitted(const KS_VIDEOINFOHEADER &format) {
     static_cast<void>(ApplyStreamingMode());
     static_cast<void>(SendFrameRate(format));
+    region_.Refresh(*this);
 }
 
 // Raw images have 8 bits a pixel, whatever a frame-based format announces.
@@ -183,7 +216,7 @@ ULONG CameraFamilyC::TransferSize() {
 
 void CameraFamilyC::ConvertFrame(imaging::ImageDescriptor &destination, imaging::ImageDescriptor &source, ULONG flags) {
     if (description_.colour)
-        LabelSource(destination, description_.pattern, source);
+        LabelSource(destination, colourMatrix_.Pattern(), source);
 
     ++framesSinceStatistics_;
     bool statistics = framesSinceStatistics_ >= statisticsInterval_;
@@ -191,7 +224,12 @@ void CameraFamilyC::ConvertFrame(imaging::ImageDescriptor &destination, imaging:
     if (statistics)
         framesSinceStatistics_ = 0;
 
-    ConvertImage(destination, source, description_.colour, correction_, flags);
+    ColourCorrection correction{.matrixEnabled = colourMatrix_.Enabled(),
+                                .gainsEnabled = conversion_.AppliesGains(),
+                                .gains = whiteBalance_.Gains(),
+                                .smoothing = conversion_.Smooths()};
+    colourMatrix_.ReadMatrix(correction.matrix);
+    ConvertImage(destination, source, description_.colour, correction, flags);
 }
 
 NTSTATUS CameraFamilyC::ApplyStreamingMode() {
@@ -203,7 +241,29 @@ NTSTATUS CameraFamilyC::GetFrameIntervals(const KS_VIDEOINFOHEADER &, FrameInter
     return STATUS_NOT_IMPLEMENTED;
 }
 
-void CameraFamilyC::ProcessRawFrame(imaging::ImageDescriptor &, bool) {}
+void CameraFamilyC::ProcessRawFrame(imaging::ImageDescriptor &source, bool statistics) {
+    focus_.Judge(source, workItems_);
+    if (statistics)
+        JudgeFrame(source);
+    defects_.Correct(source, region_);
+}
+
+void CameraFamilyC::JudgeFrame(const imaging::ImageDescriptor &source) {
+    std::uint32_t brightness = 0;
+    if (description_.colour) {
+        SHORT matrix[imaging::kMatrixCoefficients];
+        colourMatrix_.ReadMatrix(matrix);
+        if (!whiteBalance_.Judge(source, colourMatrix_.Enabled() ? &matrix : nullptr, *colourSamples_, brightness))
+            return;
+    } else if (!SharedLoad(exposure_.State().automatic) && !SharedLoad(gain_.State().automatic)) {
+        return;
+    } else if (!imaging::MeasureBrightness(source, brightness)) {
+        return;
+    }
+    const ExposureAndGain next = ExposureStep(exposure_.State(), gain_.State(), brightness);
+    gain_.Follow(workItems_, next.gain);
+    exposure_.Follow(workItems_, next.exposure);
+}
 
 NTSTATUS CameraFamilyC::SendStreamingMode(UCHAR flags, USHORT mode, USHORT variant) {
     return VendorSend(*this, kSetStreamingMode, mode, variant, &flags, sizeof(flags));

@@ -2,9 +2,18 @@
 // sensor, differ in these two and in which frames they offer.
 #pragma once
 
-#include "camera/colour_correction.h"
+#include "camera/colour_matrix_provider.h"
+#include "camera/conversion_provider.h"
+#include "camera/defect_provider.h"
+#include "camera/exposure_provider.h"
+#include "camera/focus_provider.h"
+#include "camera/gain_provider.h"
+#include "camera/region_provider.h"
+#include "camera/trigger_provider.h"
 #include "camera/uvc_camera.h"
 #include "camera/vendor_protocol.h"
+#include "camera/vendor_register_provider.h"
+#include "camera/white_balance_provider.h"
 #include "usb/work_item_tracker.h"
 
 namespace uvc {
@@ -17,8 +26,9 @@ class CameraFamilyC : public UvcCamera {
     void GetCameraInfo(CameraInfo &info) override;
     // Beside the generic parameters: 4 (get only, and not listed as supported) the firmware revision, 16 a switch, and
     // on colour cameras 14 the streaming mode of the next stream, 15 (get) the camera's description, 8 bytes as it sent
-    // them, 19 (get) two numbers: 1 for a colour sensor, and its Bayer pattern. The user-data store (20 to 23) and the
-    // register block (27) are not driven: such a camera answers like one without them.
+    // them, 19 (get) two numbers: 1 for a colour sensor, and its Bayer pattern. Cameras with a user-data store: 20
+    // writes it, 21 loads it again, 22 prints it, 23 clears and loads it (all set). Cameras with a register block: 27,
+    // register 0. The last five are listed as supported by cameras with a register block.
     bool IsParameterSupported(ULONG id) override;
     NTSTATUS SetParameter(ULONG id, ULONG value) override;
     NTSTATUS GetParameterBlock(ULONG id, const UCHAR *instance, ULONG instanceLength, UCHAR *data, ULONG length,
@@ -26,13 +36,15 @@ class CameraFamilyC : public UvcCamera {
     NTSTATUS GetParameter(ULONG id, ULONG &value) override;
     // Applies the streaming mode at once.
     NTSTATUS OptionalOperation() override;
-    // Reads the camera's description and firmware revision and allocates the colour samples.
+    // Reads the camera's description, firmware revision and user-data store, allocates the colour samples and registers
+    // the family's providers.
     NTSTATUS CreateControls() override;
     // The family's work items may be queued from CreateWorker to ResetStreamState. Items take no stream mutex.
     NTSTATUS CreateWorker() override;
     void ResetStreamState() override;
     NTSTATUS BuildProbeRequest(const KS_VIDEOINFOHEADER &format, ProbeCommitBlock &block) override;
-    // Sends the streaming mode and the rate that fits the format's interval best.
+    // Sends the streaming mode and the rate that fits the format's interval best, and asks where the frame lies on the
+    // sensor.
     void OnCommitted(const KS_VIDEOINFOHEADER &format) override;
     void FillImageParameters(const UCHAR *formatDescriptor, const UCHAR *frameDescriptor) override;
     NTSTATUS AddOtherFrame(const UCHAR *formatDescriptor, const UCHAR *frameDescriptor) override;
@@ -46,8 +58,9 @@ class CameraFamilyC : public UvcCamera {
     virtual NTSTATUS ApplyStreamingMode();
     // 29: the intervals at a format's width, STATUS_NOT_IMPLEMENTED when the sensor has no list.
     virtual NTSTATUS GetFrameIntervals(const KS_VIDEOINFOHEADER &format, FrameIntervalList &list);
-    // 30: sees every raw image before it is converted; `statistics` in one of every statisticsInterval_ frames. On the
-    // worker thread. Lock: none.
+    // 30: sees every raw image before it is converted: the autofocus looks at it, with `statistics` (one of every
+    // statisticsInterval_ frames) exposure, gain and white balance judge it, then defective pixels are corrected. What
+    // the camera is to do about it is sent from work items. On the worker thread. Lock: none.
     virtual void ProcessRawFrame(imaging::ImageDescriptor &source, bool statistics);
 
   protected:
@@ -65,13 +78,24 @@ class CameraFamilyC : public UvcCamera {
 
   private:
     NTSTATUS SendFrameRate(const KS_VIDEOINFOHEADER &format);
+    NTSTATUS RegisterProviders();
+    void JudgeFrame(const imaging::ImageDescriptor &source);
 
     CameraDescription description_{};
     ULONG firmwareRevision_ = 0;
     bool familySwitch_ = true;
-    ColourCorrection correction_;
-    PoolPointer<UCHAR, pool_tag::Context> colourSamples_;
+    PoolPointer<imaging::ColourSamples, pool_tag::Context> colourSamples_;
     ULONG framesSinceStatistics_ = 0;
+    ExposureProvider exposure_;
+    GainProvider gain_;
+    WhiteBalanceProvider whiteBalance_{description_};
+    ColourMatrixProvider colourMatrix_{description_};
+    ConversionProvider conversion_;
+    RegionProvider region_;
+    TriggerProvider trigger_;
+    VendorRegisterProvider registers_{description_};
+    FocusProvider focus_;
+    DefectProvider defects_{description_};
     WorkItemTracker workItems_;
 };
 

@@ -2,7 +2,6 @@
 
 #include "imaging/conversion.h"
 #include "imaging/processor_features.h"
-#include "platform/shared_field.h"
 
 #include <iterator>
 
@@ -28,23 +27,17 @@ void ConvertImage(const imaging::ImageDescriptor &destination, const imaging::Im
                   const ColourCorrection &correction, ULONG flags) {
     // A client chooses the instruction set by number, whatever the processor has.
     flags &= imaging::DetectProcessorFeatures() << imaging::kFeatureShift | kOptionFlags;
-    if (SharedLoad(correction.matrixEnabled))
+    if (correction.matrixEnabled)
         flags |= imaging::kApplyMatrix;
-    if (SharedLoad(correction.gainsEnabled))
+    if (correction.gainsEnabled)
         flags |= imaging::kApplyGains;
-    if (SharedLoad(correction.smoothing))
+    if (correction.smoothing)
         flags |= imaging::kSmooth;
     if (!colour) {
         imaging::ConvertMonoFrame(destination, source, flags);
         return;
     }
-    SHORT matrix[imaging::kMatrixCoefficients];
-    for (ULONG k = 0; k < imaging::kMatrixCoefficients; ++k)
-        matrix[k] = SharedLoad(correction.matrix[k]);
-    const imaging::GainRecords gains{.blue = {.current = SharedLoad(correction.gains.blue.current)},
-                                     .red = {.current = SharedLoad(correction.gains.red.current)},
-                                     .green = {.current = SharedLoad(correction.gains.green.current)}};
-    imaging::ConvertColourFrame(destination, source, matrix, gains, flags);
+    imaging::ConvertColourFrame(destination, source, correction.matrix, correction.gains, flags);
 }
 
 } // namespace uvc

@@ -6,23 +6,14 @@
 
 namespace uvc {
 
-// Fixed point, 64 is 1.0. Written by property requests while frames are converted: a frame may see some old and some
-// new values.
+// What one frame is converted with. Fixed point, 64 is 1.0.
 struct ColourCorrection {
-    bool matrixEnabled = true;
-    // Row by row: red, green, blue from red, green, blue.
-    SHORT matrix[imaging::kMatrixCoefficients] = {90, -13, -13, -13, 90, -13, -13, -13, 90};
-    bool gainsEnabled = true;
-    imaging::GainRecords gains = {
-        .blue = {.minimum = 0, .maximum = 255, .defaultValue = 64, .current = 64, .automatic = true},
-        .red = {.minimum = 0, .maximum = 255, .defaultValue = 64, .current = 64, .automatic = true},
-        .green = {.minimum = 0, .maximum = 255, .defaultValue = 64, .current = 64, .automatic = true},
-    };
-    bool smoothing = false;
+    bool matrixEnabled;
+    SHORT matrix[imaging::kMatrixCoefficients]; // row by row: red, green, blue from red, green, blue
+    bool gainsEnabled;
+    imaging::GainRecords gains; // only the current values count
+    bool smoothing;
 };
-
-// The buffer in which the automatics of families B and C sample a frame.
-inline constexpr ULONG kColourSampleBytes = 12288;
 
 // Names the colours of a colour camera's image by its Bayer pattern (0 B-G, 1 G-B, 2 G-R, 3 R-G; any other names none).
 // For an output of raw bytes it is named grey, since nobody will look at its colours.

@@ -21,10 +21,15 @@ enum ParameterId : ULONG {
     kMeasureFrameRateParameter = 17,
     kZeroBuffersParameter = 18,
     kSensorColoursParameter = 19, // family C, colour cameras, a block, get
+    kWriteUserDataParameter = 20, // family C, set: any value but 0
+    kLoadUserDataParameter = 21,  // family C, set
+    kDumpUserDataParameter = 22,  // family C, set
+    kClearUserDataParameter = 23, // family C, set
     kCyclePortParameter = 24,     // set
     kIgnoredParameter = 25,
     kInstructionSetParameter = 26,
-    kResetPortParameter = 28, // set
+    kVendorRegisterParameter = 27, // family C
+    kResetPortParameter = 28,      // set
 };
 
 } // namespace uvc

@@ -12,6 +12,7 @@ enum CameraTerminalSelector : ULONG {
     kIrisSelector = 9,
     kZoomSelector = 11,
     kRollSelector = 15,
+    kExternalTriggerSelector = 17, // family C's
 };
 
 enum ProcessingUnitSelector : ULONG {

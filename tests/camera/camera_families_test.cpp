@@ -1,4 +1,5 @@
 #include "camera/camera_family_c.h"
+#include "camera/colour_correction.h"
 #include "imaging/conversion.h"
 #include "tests/camera/plugged_camera.h"
 
@@ -136,6 +137,9 @@ TEST(CameraFamilies, ConvertWithTheirColoursNamed) {
         }
 
         PluggedCamera plugged(test.text);
+        ControlValueBlock manual{.property = {}, .value = 0, .flags = kControlManual, .capabilities = 0};
+        plugged.camera.SetControl(kVideoProcAmpSet, KSPROPERTY_VIDEOPROCAMP_WHITEBALANCE, kControlValue, &manual,
+                                  sizeof(manual)); // the gains stay as they are; a monochrome camera has none
         source.fourcc = test.sourceFormat;
         destination.data = frame.data();
         plugged.camera.ConvertFrame(destination, source, kFlags);

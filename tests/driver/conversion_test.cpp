@@ -57,6 +57,13 @@ class Conversion : public testing::TestWithParam<std::tuple<Model, Output>> {
         }
         ASSERT_TRUE(range);
         ASSERT_EQ(rig.app.OpenPin(*range), STATUS_SUCCESS);
+        if (mosaic != 0) { // the gains stay as they are
+            KSPROPERTY_VIDEOPROCAMP_S manual{};
+            manual.Flags = KSPROPERTY_VIDEOPROCAMP_FLAGS_MANUAL;
+            ASSERT_EQ(rig.app.filter.SetBlock(PROPSETID_VIDCAP_VIDEOPROCAMP, KSPROPERTY_VIDEOPROCAMP_WHITEBALANCE,
+                                              {reinterpret_cast<std::uint8_t *>(&manual), sizeof(manual)}),
+                      STATUS_SUCCESS);
+        }
         ASSERT_EQ(rig.app.Run(), STATUS_SUCCESS);
         width = static_cast<ULONG>(rig.app.Info().bmiHeader.biWidth);
         height = static_cast<ULONG>(rig.app.Info().bmiHeader.biHeight);

@@ -1,0 +1,103 @@
+#include "camera/focus_provider.h"
+
+#include "camera/control_id.h"
+#include "camera/uvc_camera.h"
+#include "camera/uvc_selector.h"
+#include "platform/shared_field.h"
+#include "usb/uvc_request.h"
+
+namespace uvc {
+
+namespace {
+
+constexpr LONG kFullTravelMs = 1000;
+constexpr LONG kShortestMoveMs = 100;
+
+// What the family offers, whatever its motor counts in.
+constexpr LONG kPositionMaximum = 1000;
+constexpr LONG kPositionDefault = 500;
+
+FocusProvider &ProviderOf(const ControlRequest &request) {
+    return *static_cast<FocusProvider *>(request.provider);
+}
+
+} // namespace
+
+const ControlItem FocusProvider::kItems[] = {
+    {.propertySet = kCameraControlSet,
+     .propertyId = KSPROPERTY_CAMERACONTROL_FOCUS,
+     .get = GetPosition,
+     .set = SetPosition,
+     .modeCount = 0,
+     .mappings = {}},
+    {.propertySet = kPrivateImageSet,
+     .propertyId = kAutofocusId,
+     .get = GetTrigger,
+     .set = SetTrigger,
+     .modeCount = 0,
+     .mappings = {}},
+};
+
+FocusProvider::FocusProvider() : PropertyProvider(kItems) {}
+
+NTSTATUS FocusProvider::Attach(UvcCamera &camera) {
+    UvcControl *control = camera.controls.Find(kInputTerminal, kFocusSelector);
+    search_ = {};
+    command_.Attach(camera, control);
+    if (control == nullptr)
+        return STATUS_SUCCESS;
+    search_.SetMotor({.minimum = UvcControlNumber(*control, control->minimum),
+                      .maximum = UvcControlNumber(*control, control->maximum),
+                      .fullTravelTime = kFullTravelMs,
+                      .minimumSettleTime = kShortestMoveMs});
+    search_.SetPosition(UvcControlNumber(*control, SharedLoad(control->current)));
+    return STATUS_SUCCESS;
+}
+
+void FocusProvider::Judge(const imaging::ImageDescriptor &source, WorkItemTracker &tracker) {
+    if (!Present() || !search_.Running())
+        return;
+    LARGE_INTEGER now;
+    KeQuerySystemTime(&now);
+    LONG target = 0;
+    // A move that cannot be queued is one that did not make the image sharper.
+    if (search_.Step(source, static_cast<ULONGLONG>(now.QuadPart), target))
+        static_cast<void>(command_.Queue(tracker, target));
+}
+
+NTSTATUS FocusProvider::GetPosition(const ControlRequest &request) {
+    const FocusProvider &provider = ProviderOf(request);
+    if (!provider.Present())
+        return STATUS_NOT_IMPLEMENTED;
+    return AnswerControl(request, {.value = provider.search_.Position(),
+                                   .maximum = kPositionMaximum,
+                                   .defaultValue = kPositionDefault,
+                                   .resolution = 1});
+}
+
+NTSTATUS FocusProvider::SetPosition(const ControlRequest &request) {
+    FocusProvider &provider = ProviderOf(request);
+    ControlSetting setting;
+    NTSTATUS status = provider.Present() ? ReadControlSetting(request, setting) : STATUS_NOT_IMPLEMENTED;
+    if (NT_SUCCESS(status))
+        status = provider.command_.Send(setting.value);
+    if (NT_SUCCESS(status))
+        provider.search_.SetPosition(setting.value);
+    return status;
+}
+
+NTSTATUS FocusProvider::GetTrigger(const ControlRequest &request) {
+    return ProviderOf(request).Present() ? AnswerControl(request, {.maximum = 1, .resolution = 1})
+                                         : STATUS_NOT_IMPLEMENTED;
+}
+
+NTSTATUS FocusProvider::SetTrigger(const ControlRequest &request) {
+    FocusProvider &provider = ProviderOf(request);
+    ControlSetting setting;
+    NTSTATUS status = provider.Present() ? ReadControlSetting(request, setting) : STATUS_NOT_IMPLEMENTED;
+    if (NT_SUCCESS(status) && setting.value != 0)
+        provider.search_.Trigger();
+    return status;
+}
+
+} // namespace uvc

@@ -1,0 +1,75 @@
+#include "camera/region_provider.h"
+
+#include "camera/control_id.h"
+#include "camera/uvc_camera.h"
+#include "platform/shared_field.h"
+#include "usb/uvc_request.h"
+
+namespace uvc {
+
+namespace {
+
+// Of the family's extension unit.
+constexpr ULONG kOffsetXSelector = 1;
+constexpr ULONG kOffsetYSelector = 2;
+constexpr ULONG kBinningSelector = 3;
+
+constexpr ControlItem kItems[] = {
+    {.propertySet = kPrivateImageSet,
+     .propertyId = kOffsetXId,
+     .get = GetGenericControl,
+     .set = SetGenericControl,
+     .modeCount = 1,
+     .mappings = {{kExtensionUnit, kOffsetXSelector}}},
+    {.propertySet = kPrivateImageSet,
+     .propertyId = kOffsetYId,
+     .get = GetGenericControl,
+     .set = SetGenericControl,
+     .modeCount = 1,
+     .mappings = {{kExtensionUnit, kOffsetYSelector}}},
+    {.propertySet = kPrivateImageSet,
+     .propertyId = kBinningId,
+     .get = GetGenericControl,
+     .set = SetGenericControl,
+     .modeCount = 1,
+     .mappings = {{kExtensionUnit, kBinningSelector}}},
+};
+
+ULONG NumberOf(const UvcControl *control, ULONG otherwise) {
+    if (control == nullptr)
+        return otherwise;
+    const LONG number = UvcControlNumber(*control, SharedLoad(control->current));
+    return number < 0 ? otherwise : static_cast<ULONG>(number);
+}
+
+} // namespace
+
+RegionProvider::RegionProvider() : PropertyProvider(kItems) {}
+
+NTSTATUS RegionProvider::Attach(UvcCamera &camera) {
+    offsetX_ = camera.controls.Find(kExtensionUnit, kOffsetXSelector);
+    offsetY_ = camera.controls.Find(kExtensionUnit, kOffsetYSelector);
+    binning_ = camera.controls.Find(kExtensionUnit, kBinningSelector);
+    const bool any = offsetX_ != nullptr || offsetY_ != nullptr || binning_ != nullptr;
+    return any ? STATUS_SUCCESS : STATUS_NOT_IMPLEMENTED;
+}
+
+void RegionProvider::Refresh(UvcCamera &camera) {
+    for (UvcControl *control : {offsetX_, offsetY_, binning_})
+        if (control != nullptr)
+            static_cast<void>(UvcReadControl(camera, *control)); // one that does not answer counts as unmoved
+}
+
+ULONG RegionProvider::OffsetX() const {
+    return NumberOf(offsetX_, 0);
+}
+
+ULONG RegionProvider::OffsetY() const {
+    return NumberOf(offsetY_, 0);
+}
+
+ULONG RegionProvider::Binning() const {
+    return NumberOf(binning_, 1);
+}
+
+} // namespace uvc
