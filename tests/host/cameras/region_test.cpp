@@ -114,6 +114,14 @@ TEST(Region, ShowsThatPartOfTheBinnedSensor) {
     }
 }
 
+TEST(Region, IsTheMiddleOfASensorWithoutOffsets) {
+    const auto camera = Make("sim:8102"); // frames 2 and 3 are 800x600 and 640x480, both binned by 2
+    const Bytes whole = camera->ExpectedFrame(1, 2, 0);
+    const Bytes part = camera->ExpectedFrame(1, 3, 0);
+    for (std::size_t y = 0; y < 480; ++y)
+        ASSERT_TRUE(std::equal(part.data() + y * 640, part.data() + (y + 1) * 640, whole.data() + (y + 60) * 800 + 80));
+}
+
 TEST(Region, ShowsAfterTheLatency) {
     const auto camera = Make("sim:8207,latency=2");
     ASSERT_TRUE(Configure(*camera));
