@@ -265,7 +265,7 @@ class SavingTest : public testing::Test {
 TEST_F(SavingTest, KilledProcessLosesNothingOfTheOlderState) {
     std::minstd_rand random(static_cast<unsigned>(testing::UnitTest::GetInstance()->random_seed()));
     ULONG last = 0;
-    for (int i = 0; i < 40; ++i) {
+    for (int i = 0; i < 25; ++i) {
         const Writer writer = StartWriter(u"\\Registry\\A", 1'000'000);
         unsigned reported = 0;
         while (reported < 1 + random() % 4)
@@ -282,7 +282,7 @@ TEST_F(SavingTest, KilledProcessLosesNothingOfTheOlderState) {
 }
 
 TEST_F(SavingTest, TwoProcessesNeverLeaveHalfAFile) {
-    constexpr ULONG kCount = 100;
+    constexpr ULONG kCount = 30;
     const Writer writers[] = {StartWriter(u"\\Registry\\A", kCount), StartWriter(u"\\Registry\\B", kCount)};
     for (const Writer &writer : writers) {
         while (Reports(writer, 1) != 0) {
