@@ -92,7 +92,7 @@ std::span<const FilterItem> FilterItems() {
     return items;
 }
 
-// A control item: what stands behind it on the camera. An item of neither entity always exists.
+// A control item: what stands behind it on the camera. An item of neither entity always exists where it is listed.
 struct PropertyOracle::Row {
     struct Entity {
         ULONG kind = 0;
@@ -103,11 +103,14 @@ struct PropertyOracle::Row {
     Entity value{};
     Entity automatic{};
     bool readable = true;
+    Feature listed = Feature::None; // which the camera must have for the item to be in the tables at all
+    Feature works = Feature::None;  // and for its requests to succeed
 };
 
 namespace {
 
 using Row = PropertyOracle::Row;
+using Feature = PropertyOracle::Feature;
 
 const Row kBaseRows[] = {
     {3, 0, {kUnit, 2}},
@@ -131,7 +134,7 @@ const Row kBaseRows[] = {
     {5, 109, {kTerminal, 4}},
 };
 
-// Families A and B, in front of the base rows.
+// Families A and B, in front of the base rows. Family B has those of colour cameras before them.
 const Row kExtendedRows[] = {
     {3, 9, {kUnit, 4}, {kExtension, 2}},
     {4, 4, {kTerminal, 4}, {kExtension, 1}},
@@ -147,6 +150,54 @@ const Row kExtendedRows[] = {
     {5, 204, {kExtension, 12}},
     {5, 205, {kExtension, 13}},
     {5, 213, {kExtension, 15}, {kExtension, 5}},
+};
+
+constexpr Row Kept(ULONG set, ULONG id, Feature listed = Feature::None, Feature works = Feature::None) {
+    return {.set = set, .id = id, .listed = listed, .works = works};
+}
+
+// What the driver itself does to the colours of families B and C.
+const Row kColourRows[] = {
+    Kept(3, 7, Feature::Colour),      Kept(5, 101, Feature::Colour),
+    Kept(5, 102, Feature::Colour),    Kept(5, 107, Feature::Colour),
+    Kept(5, 206, Feature::Colour),    Kept(7, 0, {}, Feature::Colour),
+    Kept(7, 1, {}, Feature::Colour),  Kept(7, 2, {}, Feature::Colour),
+    Kept(7, 3, {}, Feature::Colour),  Kept(7, 4, {}, Feature::Colour),
+    Kept(7, 5, {}, Feature::Colour),  Kept(7, 6, {}, Feature::Colour),
+    Kept(7, 7, {}, Feature::Colour),  Kept(7, 8, {}, Feature::Colour),
+    Kept(7, 9, {}, Feature::Colour),  Kept(7, 10),
+    Kept(7, 11, {}, Feature::Colour), Kept(7, 12, {}, Feature::Colour),
+};
+
+// The rest of family C.
+const Row kIndustrialRows[] = {
+    {3, 9, {kUnit, 4}},
+    {4, 4, {kTerminal, 4}},
+    Kept(4, 6, {}, Feature::Focus),
+    Kept(5, 106),
+    {5, 109, {kTerminal, 4}},
+    {5, 115, {kTerminal, 17}},
+    {5, 118, {kExtension, 1}, {}, true, Feature::Region},
+    {5, 119, {kExtension, 2}, {}, true, Feature::Region},
+    Kept(5, 122, Feature::Registers),
+    Kept(5, 124, {}, Feature::Focus),
+    Kept(5, 201),
+    Kept(5, 202),
+    Kept(5, 210),
+    {5, 211, {kExtension, 3}, {}, true, Feature::Region},
+    Kept(5, 212),
+    {5, 213, {kTerminal, 17}},
+    Kept(5, 214, Feature::Registers),
+    Kept(5, 215, Feature::Registers),
+    Kept(5, 216, Feature::Registers),
+    Kept(5, 226, Feature::Registers),
+    Kept(5, 227, Feature::Registers),
+    Kept(5, 228, Feature::Registers),
+    Kept(5, 229, Feature::Registers),
+    Kept(7, 32),
+    Kept(7, 33),
+    Kept(7, 34),
+    Kept(7, 35),
 };
 
 } // namespace
@@ -165,15 +216,36 @@ const CameraControl *PropertyOracle::Control(ULONG kind, ULONG selector) const {
     return nullptr;
 }
 
+bool PropertyOracle::Has(Feature feature) const {
+    switch (feature) {
+    case Feature::Colour:
+        return model_.colour;
+    case Feature::Focus:
+        return Control(kTerminal, 6) != nullptr;
+    case Feature::Region:
+        return Control(kExtension, 1) != nullptr || Control(kExtension, 2) != nullptr ||
+               Control(kExtension, 3) != nullptr;
+    case Feature::Registers:
+        return model_.registerBlock;
+    default:
+        return true;
+    }
+}
+
 const PropertyOracle::Row *PropertyOracle::Find(ULONG set, ULONG id) const {
-    auto find = [&](std::span<const Row> rows) -> const Row * {
-        auto row = std::find_if(rows.begin(), rows.end(), [&](const Row &r) { return r.set == set && r.id == id; });
-        return row != rows.end() ? &*row : nullptr;
-    };
-    const Row *row = nullptr;
-    if (model_.family == Family::A || model_.family == Family::B)
-        row = find(kExtendedRows);
-    return row != nullptr ? row : find(kBaseRows);
+    std::vector<std::span<const Row>> tables;
+    if (model_.family == Family::C)
+        tables = {kColourRows, kIndustrialRows};
+    else if (model_.family == Family::B)
+        tables = {kColourRows, kExtendedRows};
+    else if (model_.family == Family::A)
+        tables = {kExtendedRows};
+    tables.push_back(kBaseRows);
+    for (std::span<const Row> table : tables)
+        for (const Row &row : table)
+            if (row.set == set && row.id == id && Has(row.listed))
+                return &row;
+    return nullptr;
 }
 
 bool PropertyOracle::Exists(const Row &row) const {
@@ -185,7 +257,9 @@ bool PropertyOracle::Offers(const FilterItem &item) const {
     if (item.number == 7)
         return IsParameterSupported(item.id);
     const Row *row = Find(ControlSetOf(item), item.id);
-    return row != nullptr && Exists(*row);
+    // Items of the standard sets are asked for their range, which an item that does not work has not.
+    const bool standard = item.number == 3 || item.number == 4;
+    return row != nullptr && Exists(*row) && (!standard || Has(row->works));
 }
 
 bool PropertyOracle::IsParameterSupported(ULONG id) const {
@@ -211,11 +285,11 @@ bool PropertyOracle::IsParameterSupported(ULONG id) const {
     case 19:
         return model_.family == Family::C && model_.colour;
     case 16:
+        return model_.family == Family::C;
     case 20:
     case 21:
     case 22:
     case 23:
-        return model_.family == Family::C;
     case 27:
         return model_.family == Family::C && model_.registerBlock;
     default:
@@ -233,12 +307,13 @@ NTSTATUS PropertyOracle::AccessParameter(ULONG id, bool set) const {
     case 15:
     case 19:
         return IsParameterSupported(id) && !set ? STATUS_SUCCESS : STATUS_NOT_IMPLEMENTED;
-    case 3:
-    case 11:
     case 20:
     case 21:
     case 22:
     case 23:
+        return model_.userData && set ? STATUS_SUCCESS : STATUS_NOT_IMPLEMENTED;
+    case 3:
+    case 11:
     case 24:
         return IsParameterSupported(id) && set ? STATUS_SUCCESS : STATUS_NOT_IMPLEMENTED;
     default:
@@ -247,7 +322,7 @@ NTSTATUS PropertyOracle::AccessParameter(ULONG id, bool set) const {
 }
 
 NTSTATUS PropertyOracle::AccessControl(const Row *row, bool set) const {
-    if (row == nullptr || (!set && !row->readable))
+    if (row == nullptr || (!set && !row->readable) || !Has(row->works))
         return STATUS_NOT_IMPLEMENTED;
     const CameraControl *value = Control(row->value.kind, row->value.selector);
     const CameraControl *automatic = Control(row->automatic.kind, row->automatic.selector);

@@ -30,6 +30,7 @@ struct PropertyAnswer {
 
 class PropertyOracle {
   public:
+    enum class Feature { None, Colour, Focus, Region, Registers };
     struct Row;
 
     explicit PropertyOracle(const host::cameras::SimulatedCamera &camera);
@@ -45,6 +46,7 @@ class PropertyOracle {
 
   private:
     const host::cameras::CameraControl *Control(ULONG kind, ULONG selector) const;
+    bool Has(Feature feature) const;
     const Row *Find(ULONG set, ULONG id) const;
     bool Exists(const Row &row) const;
     bool Offers(const FilterItem &item) const;

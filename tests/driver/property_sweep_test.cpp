@@ -35,9 +35,10 @@ class PropertySweep : public testing::TestWithParam<std::string> {
         return bytes;
     }
 
-    // The block that a set carries: what a get answers, so that the camera takes it.
+    // The block that a set carries: what a get answers, so that the camera takes it; 1 for a parameter without get.
     std::vector<std::uint8_t> Setting(const FilterItem &item, const std::vector<std::uint8_t> &instance) {
         std::vector<std::uint8_t> data(item.minData + kExtra);
+        data[0] = item.number == 7;
         if (item.number == 7 && item.id == 6)
             return {1, 0, 1, 0x7F, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}; // a vendor request that no camera knows
         std::vector<std::uint8_t> input(std::max<std::size_t>(item.minProperty, sizeof(KSPROPERTY) + instance.size()));
@@ -138,7 +139,10 @@ TEST_P(PropertySweep, ParametersThatDisconnect) {
 }
 
 std::vector<std::string> Models() {
-    return {"sim:generic", "sim:8101", "sim:8102"};
+    std::vector<std::string> names;
+    for (const auto &camera : host::cameras::ListCameras())
+        names.push_back(camera.name);
+    return names;
 }
 
 INSTANTIATE_TEST_SUITE_P(Model, PropertySweep, testing::ValuesIn(Models()),
