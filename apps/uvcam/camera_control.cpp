@@ -68,6 +68,9 @@ void Check(Session &session, const Assignment &assignment) {
     if (control->IsReadOnly())
         throw Failure(ExitCode::NotOffered, std::string(row.name) + " of " + session.Name() + " cannot be set");
     if (assignment.mode == Assignment::Value) {
+        if (control->HasNoValue())
+            throw Failure(ExitCode::NotOffered,
+                          std::string(row.name) + " of " + session.Name() + " is auto or manual, and nothing else");
         const auto &range = control->range;
         if ((range.minimum && assignment.value < *range.minimum) ||
             (range.maximum && assignment.value > *range.maximum))
@@ -107,7 +110,7 @@ bool CameraControl::IsAutomatic() const {
 }
 
 std::optional<LONG> CameraControl::Value() const {
-    if (!NT_SUCCESS(status))
+    if (!NT_SUCCESS(status) || HasNoValue())
         return {};
     return row->kind == ControlKind::Trigger ? (setting.flags & kTriggerOff) == 0 : setting.value;
 }
@@ -119,10 +122,13 @@ std::optional<CameraControl> ReadControl(Session &session, const ControlRow &row
     if (control.range.access == 0)
         return {};
     control.status = GetControl(session.Filter(), row.control, control.setting);
-    // A family may know a control that this camera has no part for. What only starts something need not be readable.
-    const bool isAction = row.kind == ControlKind::Action || row.kind == ControlKind::Pulse;
-    if (control.status == STATUS_NOT_IMPLEMENTED && !isAction)
+    // A family may know a control that this camera has no part for.
+    if (control.status == STATUS_NOT_IMPLEMENTED && !row.writeOnly)
         return {};
+    ControlSetting twin;
+    const ControlRow *other = FindControl(row.twin);
+    if (other != nullptr && NT_SUCCESS(GetControl(session.Filter(), other->control, twin)))
+        control.setting.capabilities |= twin.capabilities & kControlAutomatic;
     return control;
 }
 
@@ -137,14 +143,17 @@ CameraControl RequireReadable(Session &session, const ControlRow &row) {
 std::string ValueText(const CameraControl &control) {
     const std::optional<LONG> value = control.Value();
     if (!value)
-        return "?";
+        return control.HasNoValue() ? "-" : "?";
     if (IsSwitch(*control.row) && (*value == 0 || *value == 1))
         return *value != 0 ? "on" : "off";
     return std::to_string(*value);
 }
 
 std::string TextOf(const CameraControl &control) {
-    return std::string(control.row->name) + "=" + ValueText(control) + (control.IsAutomatic() ? " auto" : "");
+    const std::string name = std::string(control.row->name) + "=";
+    if (control.HasNoValue())
+        return name + (control.IsAutomatic() ? "auto" : "manual");
+    return name + ValueText(control) + (control.IsAutomatic() ? " auto" : "");
 }
 
 std::vector<Assignment> ParseAssignments(const std::vector<std::string> &texts) {
@@ -163,8 +172,9 @@ void Apply(Session &session, const std::vector<Assignment> &assignments,
         std::optional<CameraControl> control = ReadControl(session, row);
         if (!control)
             FailNotOffered(session, row);
+        const bool isLast = &assignment == &assignments.back();
         session.Require(SetControl(session.Filter(), row.control, SettingOf(assignment, *control)),
-                        std::string("cannot set ") + row.name);
+                        std::string("cannot set ") + row.name + (isLast ? "" : ", nor what comes after it"));
         control = ReadControl(session, row);
         if (control && onSet)
             onSet(*control);

@@ -18,8 +18,10 @@ struct CameraControl {
     host::client::ControlSetting setting; // zeros unless the status is success
 
     bool IsAutomatic() const;
+    // Only an automatic to switch: the driver balances colours by gains, not by a temperature.
+    bool HasNoValue() const { return setting.capabilities == host::client::kControlAutomatic; }
     bool IsReadOnly() const { return (range.access & KSPROPERTY_TYPE_SET) == 0; }
-    // As people see it: the switch of a Trigger, else the value. Nothing when it could not be read.
+    // As people see it: the switch of a Trigger, else the value. Nothing when there is none or it could not be read.
     std::optional<LONG> Value() const;
 };
 
@@ -29,9 +31,9 @@ std::optional<CameraControl> ReadControl(Session &session, const ControlRow &row
 // Throws Failure (NotOffered) when the camera does not have the control, or that of the driver when it cannot be read.
 CameraControl RequireReadable(Session &session, const ControlRow &row);
 
-// "333", "on"; "?" when it could not be read.
+// "333", "on"; "?" when it could not be read, "-" when there is none.
 std::string ValueText(const CameraControl &control);
-// "Exposure=333", "Exposure=333 auto", "ColorMatrixEnable=on".
+// "Exposure=333", "Exposure=333 auto", "ColorMatrixEnable=on", "WhiteBalance=auto".
 std::string TextOf(const CameraControl &control);
 
 // One NAME=VALUE, NAME=on, NAME=off, NAME=auto or NAME=manual.

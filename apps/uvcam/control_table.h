@@ -30,6 +30,8 @@ struct ControlRow {
     ControlKind kind = ControlKind::Number;
     const char *unit = ""; // empty: none that the standard or the driver gives
     Inactivity inactive[2] = {};
+    const char *twin = "";  // the same in another unit, which tells whether there is an automatic where this does not
+    bool writeOnly = false; // on some cameras; elsewhere what cannot be read is not there
 };
 
 // In the order of the property sets.

@@ -38,7 +38,7 @@ Json JsonOf(const CameraControl &control) {
             {"default", JsonOf(control.range.defaultValue)},
             {"auto", NT_SUCCESS(control.status) ? Json(control.IsAutomatic()) : Json()},
             {"readonly", control.IsReadOnly()},
-            {"unit", *row.unit != '\0' ? Json(row.unit) : Json()}};
+            {"unit", *row.unit != '\0' && !control.HasNoValue() ? Json(row.unit) : Json()}};
 }
 
 // Why the control has no effect now; empty when it has.
@@ -71,7 +71,7 @@ std::string NoteOf(const CameraControl &control, const std::vector<CameraControl
         if (std::string reason = ReasonOf(rule, controls); !reason.empty())
             return reason;
     }
-    if (control.IsAutomatic())
+    if (control.IsAutomatic() && !control.HasNoValue())
         return "inactive while its automatic is on";
     return "";
 }
@@ -79,7 +79,8 @@ std::string NoteOf(const CameraControl &control, const std::vector<CameraControl
 const char *ModeOf(const CameraControl &control) {
     if (control.IsAutomatic())
         return "auto";
-    return (control.setting.capabilities & host::client::kControlAutomatic) != 0 ? "manual" : "";
+    const bool hasAutomatic = (control.setting.capabilities & host::client::kControlAutomatic) != 0;
+    return hasAutomatic ? "manual" : "";
 }
 
 std::string RangeText(const host::client::ControlRange &range) {
@@ -110,7 +111,7 @@ void PrintRow(const std::string &name, const std::string &value, const std::stri
 std::string WithUnit(const CameraControl &control) {
     const std::string unit = control.row->unit;
     const bool isFactor = !unit.empty() && unit[0] >= '0' && unit[0] <= '9';
-    return ValueText(control) + (unit.empty() ? "" : isFactor ? " x " + unit : " " + unit);
+    return ValueText(control) + (unit.empty() || control.HasNoValue() ? "" : isFactor ? " x " + unit : " " + unit);
 }
 
 void Print(const CameraControl &control, const std::vector<CameraControl> &controls) {

@@ -170,6 +170,13 @@ TEST_F(ControlsTest, AnErrorLeavesEverythingBehindItAlone) {
         EXPECT_NE(outcome.err.find(c.says), std::string::npos) << outcome.err;
     }
     EXPECT_EQ(Get("sim:generic Gain"), "Gain=32\n");
+
+    // What only the camera refuses: its iris can be seen, but not turned.
+    const Outcome outcome = Run("set sim:generic Gain=99 Iris=30 Contrast=50");
+    EXPECT_EQ(outcome.code, kFailed);
+    EXPECT_EQ(outcome.out, "Gain=99\n");
+    EXPECT_NE(outcome.err.find("Iris"), std::string::npos) << outcome.err;
+    EXPECT_EQ(Get("sim:generic Gain Contrast Iris"), "Gain=99\nContrast=32\nIris=28\n");
 }
 
 TEST_F(ControlsTest, AFolderThatNobodyMayWriteIsAMatterOfPermission) {
@@ -182,13 +189,43 @@ TEST_F(ControlsTest, ALongerExposureMakesABrighterPicture) {
     for (const std::string camera : {"sim:8101", "sim:8202"}) {
         SCOPED_TRACE(camera);
         const std::string line = camera + " --format Y800 --size 320x240";
-        EXPECT_EQ(Run("set " + camera + " Exposure=50").code, kDone);
+        EXPECT_EQ(Run("set " + camera + " Exposure=50 Gain=manual").code, kDone);
         const double dark = Mean(line);
         EXPECT_EQ(Run("set " + camera + " Exposure=150").code, kDone);
         const double bright = Mean(line);
         EXPECT_GT(dark, 5);
         EXPECT_NEAR(bright / dark, 3, 0.1);
     }
+}
+
+// The driver's own automatics and colours.
+TEST_F(ControlsTest, ColourCamerasOfFamilyC) {
+    std::map<std::string, json> controls = Controls("sim:8201");
+    EXPECT_TRUE(controls.at("WhiteBalance")["value"].is_null()) << "there is no temperature";
+    EXPECT_EQ(controls.at("WhiteBalance")["auto"], true);
+    EXPECT_EQ(controls.at("Exposure")["auto"], true);
+    EXPECT_EQ(controls.at("ColorMatrix_R_R")["set"], "PROPSETID_PRIVATE_COLORMATRIX");
+    EXPECT_EQ(controls.at("ColorMatrix_R_R")["value"], 90);
+    EXPECT_FALSE(controls.contains("FocusOnePush")) << "it has no motor";
+    EXPECT_TRUE(Controls("sim:8205").contains("FocusOnePush"));
+    EXPECT_FALSE(Controls("sim:8202").contains("ColorMatrixEnable")) << "it has no colours";
+    EXPECT_EQ(Run("set sim:8201 WhiteBalance=5000").code, kNotOffered);
+    EXPECT_EQ(Run("set sim:8201 Exposure=400 Gain=manual").out, "Exposure=400\nGain=64\n");
+    EXPECT_EQ(Run("set sim:8201 Exposure=auto").out, "Exposure=400 auto\n");
+
+    const std::string text = Run("controls sim:8201").out;
+    for (const char *note : {"inactive while its automatic is on", "inactive while WhiteBalance is automatic",
+                             "inactive while ExternalTrigger is off"})
+        EXPECT_NE(text.find(note), std::string::npos) << note;
+    const Outcome set = Run("set sim:8201 WhiteBalance=manual WhiteBalanceRed=100 WhiteBalanceBlue=90 "
+                            "WhiteBalanceGreen=80 ColorMatrixEnable=off AutoExposureMaxValueAuto=off "
+                            "AutoExposureMaxValue=500");
+    EXPECT_EQ(set.code, kDone) << set.err;
+    EXPECT_EQ(set.out, "WhiteBalance=manual\nWhiteBalance Red=100\nWhiteBalance Blue=90\nWhiteBalance Green=80\n"
+                       "ColorMatrixEnable=off\nAutoExposureMaxValueAuto=off\nAutoExposureMaxValue=500\n");
+    EXPECT_EQ(Get("sim:8201 WhiteBalanceRed WhiteBalanceBlue ColorMatrixEnable"),
+              "WhiteBalance Red=100\nWhiteBalance Blue=90\nColorMatrixEnable=off\n");
+    EXPECT_NE(Run("controls sim:8201").out.find("inactive while ColorMatrixEnable is off"), std::string::npos);
 }
 
 TEST_F(ControlsTest, SwitchesTriggersAndRegisters) {
@@ -271,6 +308,12 @@ TEST_F(ControlsTest, MonitorTellsOneLineAFrame) {
         EXPECT_EQ(frame.at("dropped"), 0);
     }
     EXPECT_EQ(count, 6u);
+    const Outcome balance = Run(
+        "monitor sim:8201,kelvin=3000 --size 320x240 --free-run --frames 60 --json --set AutoExposureMaxValueAuto=on");
+    const json settled = json::parse(balance.out.substr(balance.out.rfind('\n', balance.out.size() - 2) + 1));
+    EXPECT_EQ(settled["wb"][0], 64) << "there is plenty of red";
+    EXPECT_GT(settled["wb"][2], settled["wb"][1]);
+    EXPECT_NEAR(settled["mean"].get<int>(), 128, 10) << settled;
     EXPECT_EQ(Run("monitor sim:8101 --frames 1 --set Gian=1").code, kUsage);
     const Outcome text = Run("monitor sim:8202 --size 320x240 --free-run --frames 2");
     EXPECT_EQ(std::count(text.out.begin(), text.out.end(), '\n'), 2) << text.out << text.err;
