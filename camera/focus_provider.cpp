@@ -11,7 +11,7 @@ namespace uvc {
 namespace {
 
 constexpr LONG kFullTravelMs = 1000;
-constexpr LONG kShortestMoveMs = 100;
+constexpr LONG kShortestMoveMs = 250; // longest way: a quarter of the range beyond the best position
 
 // What the family offers, whatever its motor counts in.
 constexpr LONG kPositionMaximum = 1000;
