@@ -140,7 +140,7 @@ bool ReadSetting(const SettingsKey &key, const SettingsEntry &entry, ULONG &valu
 
 NTSTATUS SaveSetting(PDEVICE_OBJECT physicalDevice, const GUID &set, ULONG id, LONG value, ULONG flags) {
     for (const SettingsEntry &entry : kSettings) {
-        if (entry.id != id || !IsEqualGUIDAligned(*entry.set, set))
+        if (entry.id != id || !IsEqualGUID(*entry.set, set))
             continue;
         SettingsKey key(physicalDevice, KEY_WRITE);
         if (NT_SUCCESS(key.Status())) {

@@ -264,7 +264,7 @@ NTSTATUS GetPinProperty(PIRP irp, PKSIDENTIFIER property, PVOID data) {
 }
 
 NTSTATUS CapturePin::HandlePinProperty(PropertyRequest &request, NTSTATUS defaultStatus) {
-    if (!IsEqualGUIDAligned(request.property->Set, PROPSETID_VIDCAP_DROPPEDFRAMES) ||
+    if (!IsEqualGUID(request.property->Set, PROPSETID_VIDCAP_DROPPEDFRAMES) ||
         request.property->Id != KSPROPERTY_DROPPEDFRAMES_CURRENT)
         return defaultStatus;
     if (IsSupportQuery(request))

@@ -96,9 +96,9 @@ NTSTATUS CopyValues(UvcDevice &device, KSPROPERTY_ITEM &item) {
 }
 
 NTSTATUS AdjustItem(UvcDevice &device, const GUID &set, KSPROPERTY_ITEM &item) {
-    if (IsEqualGUIDAligned(set, PROPSETID_VIDCAP_VIDEOPROCAMP))
+    if (IsEqualGUID(set, PROPSETID_VIDCAP_VIDEOPROCAMP))
         return AdjustControl(device, kVideoProcAmpSet, item);
-    if (IsEqualGUIDAligned(set, PROPSETID_VIDCAP_CAMERACONTROL))
+    if (IsEqualGUID(set, PROPSETID_VIDCAP_CAMERACONTROL))
         return AdjustControl(device, kCameraControlSet, item);
     return item.Values != nullptr ? CopyValues(device, item) : STATUS_SUCCESS;
 }

@@ -16,7 +16,7 @@ static_assert(kInfoBeforeBitmap == 48 && kFormatBeforeBitmap == 112 && kRangeBef
 static_assert(sizeof(KS_DATAFORMAT_VIDEOINFOHEADER) == 152);
 
 bool IsVideoInfo(const KSDATAFORMAT &format, ULONG minimumSize) {
-    return IsEqualGUIDAligned(format.Specifier, KSDATAFORMAT_SPECIFIER_VIDEOINFO) && format.FormatSize >= minimumSize;
+    return IsEqualGUID(format.Specifier, KSDATAFORMAT_SPECIFIER_VIDEOINFO) && format.FormatSize >= minimumSize;
 }
 
 // Whether a bitmap header of `biSize` bytes behind `before` others fits `available`. Anything below the standard 40

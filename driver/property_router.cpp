@@ -100,7 +100,7 @@ NTSTATUS HandleFilterProperty(PIRP irp, PKSIDENTIFIER property, PVOID data) {
 
 NTSTATUS RouteProperty(UvcDevice &device, PropertyRequest &request) {
     for (const Route &route : kRoutes) {
-        if (IsEqualGUIDAligned(request.property->Set, *route.set))
+        if (IsEqualGUID(request.property->Set, *route.set))
             return route.handler(device, request);
     }
     return STATUS_NOT_IMPLEMENTED;

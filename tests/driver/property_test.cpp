@@ -388,7 +388,7 @@ TEST(Properties, GiveStandardControlsTheCamerasRanges) {
         EXPECT_NE(control.GetPropertyHandler, nullptr);
         EXPECT_NE(control.SetPropertyHandler, nullptr);
         ASSERT_TRUE(control.Values);
-        EXPECT_TRUE(IsEqualGUIDAligned(control.Values->PropTypeSet.Set, GUID{STATICGUIDOF(KSPROPTYPESETID_General)}));
+        EXPECT_TRUE(IsEqualGUID(control.Values->PropTypeSet.Set, GUID{STATICGUIDOF(KSPROPTYPESETID_General)}));
         EXPECT_EQ(control.Values->PropTypeSet.Id, ULONG{VT_I4});
         ASSERT_EQ(control.Values->MembersListCount, 2u);
         const KSPROPERTY_MEMBERSLIST &ranges = control.Values->MembersList[0];

@@ -7,6 +7,7 @@
 #include "driver/uvc_device.h"
 #include "tests/driver/capture_rig.h"
 
+#include <algorithm>
 #include <cstring>
 #include <map>
 #include <sstream>
@@ -38,7 +39,7 @@ class ScriptedControls final : public UvcCamera {
             return STATUS_NOT_IMPLEMENTED;
         auto *words = static_cast<UCHAR *>(buffer) + HeaderSize(kind);
         found.assign(words, static_cast<UCHAR *>(buffer) + length);
-        std::memcpy(words, control->second.words.data(), control->second.words.size() * sizeof(ULONG));
+        std::copy_n(control->second.words.begin(), control->second.words.size(), reinterpret_cast<ULONG *>(words));
         return control->second.get;
     }
 
