@@ -15,9 +15,10 @@ NTSTATUS AutomaticControl::Read(UvcCamera &camera, LONG &value) {
     UvcControl *control = command_.Control();
     if (control == nullptr)
         return STATUS_NOT_IMPLEMENTED;
-    NTSTATUS status = UvcReadControl(camera, *control);
+    ULONGLONG raw = 0;
+    NTSTATUS status = UvcReadControl(camera, *control, raw);
     if (NT_SUCCESS(status))
-        value = UvcControlNumber(*control, SharedLoad(control->current));
+        value = UvcControlNumber(*control, raw);
     return status;
 }
 

@@ -62,9 +62,8 @@ PropertyProvider *UvcCamera::FindOwner(ULONG set, ULONG id) {
 }
 
 const ControlItem *UvcCamera::FindItem(ULONG set, ULONG id) {
-    for (ULONG i = providers_.Count(); i-- > 0;)
-        if (const ControlItem *item = providers_[i]->FindItem(set, id))
-            return item;
+    if (PropertyProvider *owner = FindOwner(set, id))
+        return owner->FindItem(set, id);
     return FindControlItem(BaseControls(), set, id);
 }
 

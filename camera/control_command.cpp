@@ -22,22 +22,28 @@ NTSTATUS ControlCommand::Queue(WorkItemTracker &tracker, LONG value) {
     if (control_ == nullptr)
         return STATUS_NOT_IMPLEMENTED;
     SharedStore(value_, value);
-    if (InterlockedExchange(&queued_, 1) != 0) // an item that has not yet looked at the value
+    if (InterlockedExchange(&state_, kAsked) != kIdle) // the item that is there will see the value
         return STATUS_SUCCESS;
     NTSTATUS status = WorkItemQueue(tracker, Run, this, 0);
     if (!NT_SUCCESS(status))
-        InterlockedExchange(&queued_, 0);
+        InterlockedExchange(&state_, kIdle);
     return status;
 }
 
 void ControlCommand::Run(PDEVICE_OBJECT, void *context) {
     auto &command = *static_cast<ControlCommand *>(context);
-    InterlockedExchange(&command.queued_, 0); // before the value is read: a later one needs another item
-    MutexGuard guard(command.sending_);
-    if (command.enabled_ != nullptr && !SharedLoad(*command.enabled_))
+    do {
+        InterlockedExchange(&command.state_, kSending); // before the value is read: a later one is another round
+        command.SendQueued();
+    } while (InterlockedCompareExchange(&command.state_, kIdle, kSending) != kSending);
+}
+
+void ControlCommand::SendQueued() {
+    MutexGuard guard(sending_);
+    if (enabled_ != nullptr && !SharedLoad(*enabled_))
         return;
     // A camera that refuses stays as it is; the next frames tell what that looks like.
-    static_cast<void>(UvcWriteControl(*command.camera_, *command.control_, RawValue(SharedLoad(command.value_))));
+    static_cast<void>(UvcWriteControl(*camera_, *control_, RawValue(SharedLoad(value_))));
 }
 
 NTSTATUS ControlCommand::Send(LONG value) {

@@ -29,13 +29,20 @@ class ControlCommand {
     NTSTATUS Send(LONG value);
 
   private:
+    enum State : LONG {
+        kIdle,    // no item is outstanding
+        kAsked,   // the item that is outstanding has not looked at the newest value
+        kSending, // it has
+    };
+
     static void Run(PDEVICE_OBJECT device, void *context);
+    void SendQueued();
 
     const bool *enabled_; // shared
     UvcCamera *camera_ = nullptr;
     UvcControl *control_ = nullptr;
-    LONG value_ = 0;  // shared
-    LONG queued_ = 0; // atomic
+    LONG value_ = 0;     // shared
+    LONG state_ = kIdle; // atomic
     KMUTEX sending_;
 };
 

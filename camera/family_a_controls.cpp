@@ -27,8 +27,8 @@ enum ExtensionSelector : ULONG {
 
 // The handlers here send nothing for a request that they cannot serve, unlike the generic ones.
 
-NTSTATUS AnswerCurrent(const ControlRequest &request, const UvcControl &control, ULONG flags) {
-    return AnswerControl(request, {.value = UvcControlNumber(control, SharedLoad(control.current)),
+NTSTATUS AnswerRaw(const ControlRequest &request, const UvcControl &control, ULONGLONG raw, ULONG flags) {
+    return AnswerControl(request, {.value = UvcControlNumber(control, raw),
                                    .flags = flags,
                                    .minimum = UvcControlNumber(control, control.minimum),
                                    .maximum = UvcControlNumber(control, control.maximum),
@@ -36,19 +36,18 @@ NTSTATUS AnswerCurrent(const ControlRequest &request, const UvcControl &control,
                                    .resolution = UvcControlNumber(control, control.resolution)});
 }
 
-// Reads the control again unless only its range is asked for.
-NTSTATUS ReadForAnswer(const ControlRequest &request, UvcControl *control) {
+// Reads the control unless only its range is asked for.
+NTSTATUS ReadForAnswer(const ControlRequest &request, UvcControl *control, ULONGLONG &raw) {
     if (control == nullptr || !CanAnswerControl(request))
         return STATUS_NOT_IMPLEMENTED;
-    return request.kind == kControlRange ? STATUS_SUCCESS : UvcReadControl(request.camera, *control);
+    return request.kind == kControlRange ? STATUS_SUCCESS : UvcReadControl(request.camera, *control, raw);
 }
 
 NTSTATUS GetExternalTrigger(const ControlRequest &request) {
     UvcControl *trigger = request.controls[0];
-    NTSTATUS status = ReadForAnswer(request, trigger);
-    if (!NT_SUCCESS(status))
-        return status;
-    return AnswerCurrent(request, *trigger, SharedLoad(trigger->current) != 0 ? 0 : ULONG{kTriggerOff});
+    ULONGLONG raw = 0;
+    NTSTATUS status = ReadForAnswer(request, trigger, raw);
+    return NT_SUCCESS(status) ? AnswerRaw(request, *trigger, raw, raw != 0 ? 0 : ULONG{kTriggerOff}) : status;
 }
 
 NTSTATUS SetExternalTrigger(const ControlRequest &request) {
@@ -64,8 +63,9 @@ NTSTATUS SetExternalTrigger(const ControlRequest &request) {
 
 NTSTATUS GetSoftwareTrigger(const ControlRequest &request) {
     UvcControl *trigger = request.controls[0];
-    NTSTATUS status = ReadForAnswer(request, trigger);
-    return NT_SUCCESS(status) ? AnswerCurrent(request, *trigger, kControlManual) : status;
+    ULONGLONG raw = 0;
+    NTSTATUS status = ReadForAnswer(request, trigger, raw);
+    return NT_SUCCESS(status) ? AnswerRaw(request, *trigger, raw, kControlManual) : status;
 }
 
 NTSTATUS SetSoftwareTrigger(const ControlRequest &request) {
@@ -91,8 +91,9 @@ NTSTATUS GetRegister(const ControlRequest &request) {
         return STATUS_NOT_IMPLEMENTED;
     const ControlRequest plain = AsValueRequest(request);
     UvcControl *single = plain.controls[0];
-    NTSTATUS status = ReadForAnswer(plain, single);
-    return NT_SUCCESS(status) ? AnswerCurrent(plain, *single, kControlManual) : status;
+    ULONGLONG raw = 0;
+    NTSTATUS status = ReadForAnswer(plain, single, raw);
+    return NT_SUCCESS(status) ? AnswerRaw(plain, *single, raw, kControlManual) : status;
 }
 
 NTSTATUS SetRegister(const ControlRequest &request) {
@@ -110,13 +111,15 @@ NTSTATUS GetRegisterPair(const ControlRequest &request) {
     if (request.kind != kControlRegisters || request.buffer == nullptr ||
         request.length < sizeof(ControlRegistersBlock) || first == nullptr || second == nullptr)
         return STATUS_NOT_IMPLEMENTED;
-    NTSTATUS status = UvcReadControl(request.camera, *first);
+    ULONGLONG firstRaw = 0;
+    ULONGLONG secondRaw = 0;
+    NTSTATUS status = UvcReadControl(request.camera, *first, firstRaw);
     if (NT_SUCCESS(status))
-        status = UvcReadControl(request.camera, *second);
+        status = UvcReadControl(request.camera, *second, secondRaw);
     if (!NT_SUCCESS(status))
         return status;
-    auto describe = [](const UvcControl &control) {
-        return ControlRegisterGroup{.value = UvcControlNumber(control, SharedLoad(control.current)),
+    auto describe = [](const UvcControl &control, ULONGLONG raw) {
+        return ControlRegisterGroup{.value = UvcControlNumber(control, raw),
                                     .flags = kControlManual,
                                     .capabilities = kControlManual,
                                     .minimum = UvcControlNumber(control, control.minimum),
@@ -126,8 +129,8 @@ NTSTATUS GetRegisterPair(const ControlRequest &request) {
                                     .reserved = 0};
     };
     auto &block = *static_cast<ControlRegistersBlock *>(request.buffer);
-    block.registers[0] = describe(*first);
-    block.registers[1] = describe(*second);
+    block.registers[0] = describe(*first, firstRaw);
+    block.registers[1] = describe(*second, secondRaw);
     return STATUS_SUCCESS;
 }
 

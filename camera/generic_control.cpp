@@ -23,24 +23,30 @@ NTSTATUS GetDecoded(const ControlRequest &request, DecodeValue decode, DecodeVal
                          .capabilities = (value != nullptr ? ULONG{kControlManual} : 0) |
                                          (automatic != nullptr ? ULONG{kControlAutomatic} : 0)};
     if (value != nullptr) {
-        answer.minimum = decode(request, *value, value->minimum);
-        answer.maximum = decode(request, *value, value->maximum);
-        answer.defaultValue = decode(request, *value, value->defaultValue);
-        answer.resolution = decodeResolution(request, *value, value->resolution);
+        // What the camera did not tell is 0, in the property's unit.
+        if (value->rangeValid) {
+            answer.minimum = decode(request, *value, value->minimum);
+            answer.maximum = decode(request, *value, value->maximum);
+        }
+        if (value->defaultValid)
+            answer.defaultValue = decode(request, *value, value->defaultValue);
+        if (value->resolutionValid)
+            answer.resolution = decodeResolution(request, *value, value->resolution);
     }
     NTSTATUS status = STATUS_SUCCESS;
     if (request.kind != kControlRange) {
+        ULONGLONG raw = 0;
         if (value != nullptr) {
-            status = UvcReadControl(request.camera, *value);
+            status = UvcReadControl(request.camera, *value, raw);
             if (NT_SUCCESS(status)) {
-                answer.value = decode(request, *value, SharedLoad(value->current));
+                answer.value = decode(request, *value, raw);
                 answer.flags = kControlManual;
             }
         }
         // The last request decides, whatever became of the value.
         if (automatic != nullptr) {
-            status = UvcReadControl(request.camera, *automatic);
-            if (NT_SUCCESS(status) && SharedLoad(automatic->current) != 0)
+            status = UvcReadControl(request.camera, *automatic, raw);
+            if (NT_SUCCESS(status) && raw != 0)
                 answer.flags = kControlAutomatic;
         }
     }

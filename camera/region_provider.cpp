@@ -14,23 +14,30 @@ constexpr ULONG kOffsetXSelector = 1;
 constexpr ULONG kOffsetYSelector = 2;
 constexpr ULONG kBinningSelector = 3;
 
+// The camera settles what it is asked for, refuses it, or moves the other two along: what it has then is what counts.
+NTSTATUS SetRegion(const ControlRequest &request) {
+    NTSTATUS status = SetGenericControl(request);
+    static_cast<RegionProvider *>(request.provider)->Refresh(request.camera);
+    return status;
+}
+
 constexpr ControlItem kItems[] = {
     {.propertySet = kPrivateImageSet,
      .propertyId = kOffsetXId,
      .get = GetGenericControl,
-     .set = SetGenericControl,
+     .set = SetRegion,
      .modeCount = 1,
      .mappings = {{kExtensionUnit, kOffsetXSelector}}},
     {.propertySet = kPrivateImageSet,
      .propertyId = kOffsetYId,
      .get = GetGenericControl,
-     .set = SetGenericControl,
+     .set = SetRegion,
      .modeCount = 1,
      .mappings = {{kExtensionUnit, kOffsetYSelector}}},
     {.propertySet = kPrivateImageSet,
      .propertyId = kBinningId,
      .get = GetGenericControl,
-     .set = SetGenericControl,
+     .set = SetRegion,
      .modeCount = 1,
      .mappings = {{kExtensionUnit, kBinningSelector}}},
 };
@@ -55,9 +62,10 @@ NTSTATUS RegionProvider::Attach(UvcCamera &camera) {
 }
 
 void RegionProvider::Refresh(UvcCamera &camera) {
+    ULONGLONG raw = 0;
     for (UvcControl *control : {offsetX_, offsetY_, binning_})
         if (control != nullptr)
-            static_cast<void>(UvcReadControl(camera, *control)); // one that does not answer counts as unmoved
+            static_cast<void>(UvcReadControl(camera, *control, raw)); // one that does not answer counts as unmoved
 }
 
 ULONG RegionProvider::OffsetX() const {

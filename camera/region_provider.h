@@ -13,7 +13,7 @@ class RegionProvider final : public PropertyProvider {
     // STATUS_NOT_IMPLEMENTED for a camera without any of these controls.
     NTSTATUS Attach(UvcCamera &camera) override;
 
-    // Asks the camera where the frame lies, since a commit may have moved it. IRQL: PASSIVE_LEVEL.
+    // Asks the camera where the frame lies, since a commit or a set may have moved it. IRQL: PASSIVE_LEVEL.
     void Refresh(UvcCamera &camera);
 
     // As last read or set: offsets in pixels of the unbinned sensor, 0 where the camera has none, and the binning

@@ -4,26 +4,22 @@
 #include "camera/uvc_camera.h"
 #include "camera/uvc_selector.h"
 #include "camera/vendor_protocol.h"
-#include "platform/shared_field.h"
 #include "usb/uvc_request.h"
 
 namespace uvc {
 
 namespace {
 
-// In place of the flags of other controls, for the video control set's trigger mode.
-constexpr ULONG kTriggerOff = 4;
-constexpr ULONG kTriggerNow = 8;
-
 NTSTATUS GetExternalTrigger(const ControlRequest &request) {
     UvcControl *control = request.controls[0];
     if (control == nullptr || !CanAnswerControl(request))
         return STATUS_NOT_IMPLEMENTED;
-    NTSTATUS status = UvcReadControl(request.camera, *control);
+    ULONGLONG raw = 0;
+    NTSTATUS status = UvcReadControl(request.camera, *control, raw);
     if (!NT_SUCCESS(status))
         return status;
-    const bool on = UvcControlNumber(*control, SharedLoad(control->current)) != 0;
-    return AnswerControl(request, {.value = on, .flags = on ? 0 : kTriggerOff, .maximum = 1, .resolution = 1});
+    const bool on = raw != 0;
+    return AnswerControl(request, {.value = on, .flags = on ? 0 : ULONG{kTriggerOff}, .maximum = 1, .resolution = 1});
 }
 
 NTSTATUS SetExternalTrigger(const ControlRequest &request) {
@@ -44,7 +40,7 @@ NTSTATUS GetSoftwareTrigger(const ControlRequest &request) {
 NTSTATUS SetSoftwareTrigger(const ControlRequest &request) {
     ControlSetting setting;
     NTSTATUS status = ReadControlSetting(request, setting);
-    if (NT_SUCCESS(status) && (setting.flags & kTriggerNow) != 0)
+    if (NT_SUCCESS(status) && (setting.flags & kTriggerOnce) != 0)
         status = VendorSend(request.camera, kTriggerExposure, 0, 0, nullptr, 0);
     return status;
 }

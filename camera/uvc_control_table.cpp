@@ -33,12 +33,15 @@ struct UnitRequest {
 };
 static_assert(offsetof(UnitRequest, length) == 4 && offsetof(UnitRequest, value) == kUnitRequestHeader);
 
-// One request of `length` bytes on the control's selector; `value` changes only when it succeeds.
+// One request of `length` bytes on the control's selector; `value` changes only when it succeeds. An answer that is
+// shorter than asked for is extended with zeros, no answer at all is a failure.
 NTSTATUS Send(UvcCamera &camera, const UvcControl &control, UvcRequestCode code, ULONG length, ULONGLONG &value) {
     UnitRequest request{.code = code, .length = static_cast<USHORT>(length), .value = code == kSetCur ? value : 0};
     ULONG transferred = 0;
     NTSTATUS status = UvcUnitRequest(camera, reinterpret_cast<UCHAR *>(&request), static_cast<UCHAR>(control.unitId),
                                      static_cast<UCHAR>(control.selector), transferred);
+    if (NT_SUCCESS(status) && code != kSetCur && length != 0 && transferred == 0)
+        status = STATUS_UNSUCCESSFUL;
     if (NT_SUCCESS(status))
         value = request.value;
     return status;
@@ -133,8 +136,7 @@ LONG UvcControlNumber(const UvcControl &control, ULONGLONG value) {
     }
 }
 
-NTSTATUS UvcReadControl(UvcCamera &camera, UvcControl &control) {
-    ULONGLONG value = 0;
+NTSTATUS UvcReadControl(UvcCamera &camera, UvcControl &control, ULONGLONG &value) {
     NTSTATUS status = Send(camera, control, kGetCur, control.size, value);
     if (NT_SUCCESS(status))
         SharedStore(control.current, value);

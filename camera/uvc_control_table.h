@@ -45,9 +45,9 @@ class UvcControlTable {
 // A value as a number: size 1 unsigned, size 2 signed, size 4 as 32 bits; any other size reads as 0.
 LONG UvcControlNumber(const UvcControl &control, ULONGLONG value);
 
-// GET_CUR into `current`, SET_CUR from `value`, which becomes `current` first, whatever the camera answers.
-// IRQL: PASSIVE_LEVEL.
-NTSTATUS UvcReadControl(UvcCamera &camera, UvcControl &control);
+// GET_CUR into `value` and `current`, or neither on failure. IRQL: PASSIVE_LEVEL.
+NTSTATUS UvcReadControl(UvcCamera &camera, UvcControl &control, ULONGLONG &value);
+// SET_CUR from `value`, which becomes `current` first, whatever the camera answers. IRQL: PASSIVE_LEVEL.
 NTSTATUS UvcWriteControl(UvcCamera &camera, UvcControl &control, ULONGLONG value);
 
 } // namespace uvc

@@ -27,6 +27,7 @@ class ControlDevice final : public host::usb::test::FakeDevice {
         std::map<UCHAR, ULONGLONG> answers{{kGetCurCode, 0}, {kGetMinCode, 0}, {kGetMaxCode, 0}, {kGetResCode, 0},
                                            {kGetLenCode, 2}, {kGetDefCode, 0}, {kGetInfoCode, 3}};
         std::set<UCHAR> stalls;
+        std::size_t longestAnswer = sizeof(ULONGLONG);
     };
     using Key = std::pair<UCHAR, UCHAR>; // entity's subtype, selector
 
@@ -85,11 +86,11 @@ class ControlDevice final : public host::usb::test::FakeDevice {
         if (setup.request == kSetCurCode) {
             answers[kGetCurCode] = 0;
             std::memcpy(&answers[kGetCurCode], data.data(), std::min(data.size(), sizeof(ULONGLONG)));
-        } else {
-            std::memcpy(data.data(), &answers[static_cast<UCHAR>(setup.request)],
-                        std::min(data.size(), sizeof(ULONGLONG)));
+            return {.length = data.size()};
         }
-        return {.length = data.size()};
+        const std::size_t length = std::min(data.size(), found->second.longestAnswer);
+        std::memcpy(data.data(), &answers[static_cast<UCHAR>(setup.request)], length);
+        return {.length = length};
     }
 
     std::vector<std::string> requests_;

@@ -154,6 +154,22 @@ TEST(UvcControlTable, ReadsNumbersBySize) {
         EXPECT_EQ(UvcControlNumber({.size = test.size}, test.value), test.number) << test.size << ' ' << test.value;
 }
 
+TEST(UvcControlTable, ExtendsShortAnswersAndRefusesEmptyOnes) {
+    auto device = std::make_shared<ControlDevice>(Bytes{}, Bits({2, 3}), Bytes{});
+    for (UCHAR selector : {UCHAR{2}, UCHAR{3}})
+        for (UCHAR request : {kGetMinCode, kGetCurCode})
+            device->controls[{kProcessing, selector}].answers[request] = 0xFFFF;
+    device->controls[{kProcessing, 2}].longestAnswer = 1;
+    device->controls[{kProcessing, 3}].longestAnswer = 0;
+    PluggedDevice plugged(device);
+    ASSERT_EQ(plugged.camera->Initialise(), STATUS_SUCCESS);
+    UvcControl *control = plugged.camera->controls.Find(kProcessing, 2);
+    ASSERT_TRUE(control);
+    EXPECT_EQ(UvcControlNumber(*control, control->minimum), 255);
+    EXPECT_EQ(UvcControlNumber(*control, control->current), 255);
+    EXPECT_FALSE(plugged.camera->controls.Find(kProcessing, 3));
+}
+
 TEST(UvcControlTable, KeepsWhatItWasToldWhenTheCameraRefuses) {
     auto device = std::make_shared<ControlDevice>(Bytes{}, Bits({2}), Bytes{});
     device->controls[{kProcessing, 2}].answers[kGetCurCode] = 0xABCD;
@@ -163,14 +179,16 @@ TEST(UvcControlTable, KeepsWhatItWasToldWhenTheCameraRefuses) {
     EXPECT_EQ(control.current, 0xABCDu);
     device->TakeRequests();
 
+    ULONGLONG value = 77;
     device->controls[{kProcessing, 2}].stalls = {kSetCurCode, kGetCurCode};
     EXPECT_FALSE(NT_SUCCESS(UvcWriteControl(*plugged.camera, control, 0x1234)));
     EXPECT_EQ(control.current, 0x1234u);
-    EXPECT_FALSE(NT_SUCCESS(UvcReadControl(*plugged.camera, control)));
+    EXPECT_FALSE(NT_SUCCESS(UvcReadControl(*plugged.camera, control, value)));
     EXPECT_EQ(control.current, 0x1234u);
+    EXPECT_EQ(value, 77u);
 
     device->controls[{kProcessing, 2}].stalls = {};
-    EXPECT_EQ(UvcReadControl(*plugged.camera, control), STATUS_SUCCESS);
+    EXPECT_EQ(UvcReadControl(*plugged.camera, control, value), STATUS_SUCCESS);
     EXPECT_EQ(control.current, 0xABCDu);
     EXPECT_EQ(UvcWriteControl(*plugged.camera, control, 0xFFFFFFFFFFFF8001), STATUS_SUCCESS);
     EXPECT_EQ(device->TakeRequests(), (Requests{"01 5:2 3412", "81 5:2 2", "81 5:2 2", "01 5:2 0180"}));
