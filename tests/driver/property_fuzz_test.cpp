@@ -89,7 +89,7 @@ class Fuzzer {
 
     // Restarts of the camera are for other tests.
     bool Disconnects() const {
-        return IsEqualGUIDAligned(property_.Set, parameters_) && property_.Flags == KSPROPERTY_TYPE_SET &&
+        return host::streaming::SameGuid(property_.Set, parameters_) && property_.Flags == KSPROPERTY_TYPE_SET &&
                (property_.Id == 3 || property_.Id == 24);
     }
 
