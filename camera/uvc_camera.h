@@ -98,6 +98,9 @@ class UvcCamera {
     // Owned by the device context.
     FrameSink *const sink;
 
+    // Owned by the device context: the camera of the start before.
+    UvcCamera *earlier = nullptr;
+
     // On whose behalf work items run: the system keeps the driver of this object loaded until they have returned. The
     // device context puts the driver's own device object here; requests go to the link's lower device.
     PDEVICE_OBJECT workItemDevice;

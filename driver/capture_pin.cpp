@@ -111,8 +111,8 @@ NTSTATUS CapturePin::Claim() {
 }
 
 NTSTATUS CapturePin::Stop() {
-    if (runState != RunState::Idle && device->camera != nullptr)
-        static_cast<void>(StreamStop(*device->camera)); // cannot fail
+    if (CameraUse camera(*device); runState != RunState::Idle && camera)
+        static_cast<void>(StreamStop(*camera)); // cannot fail
     runState = RunState::Idle;
     return STATUS_SUCCESS;
 }
@@ -135,19 +135,21 @@ NTSTATUS CapturePin::Release() {
 }
 
 NTSTATUS CapturePin::Pause() {
-    if (device->camera == nullptr) // lost in a restart that failed
+    CameraUse camera(*device);
+    if (!camera) // lost in a restart that failed
         return STATUS_DEVICE_NOT_CONNECTED;
-    NTSTATUS status = StreamPause(*device->camera, true);
+    NTSTATUS status = StreamPause(*camera, true);
     if (NT_SUCCESS(status))
         runState = RunState::Paused;
     return status;
 }
 
 NTSTATUS CapturePin::Run() {
-    if (device->camera == nullptr)
+    CameraUse camera(*device);
+    if (!camera)
         return STATUS_DEVICE_NOT_CONNECTED;
-    NTSTATUS status = runState == RunState::Paused ? StreamPause(*device->camera, false)
-                                                   : StreamStart(*device->camera, *device->format);
+    NTSTATUS status =
+        runState == RunState::Paused ? StreamPause(*camera, false) : StreamStart(*camera, *device->format);
     if (NT_SUCCESS(status))
         runState = RunState::Running;
     return status;
@@ -237,9 +239,10 @@ KS_VIDEOINFOHEADER *CapturePin::SetPinFormat() {
 }
 
 void CapturePin::TurnStreamOver(LONG height) {
-    if (device->camera == nullptr)
+    CameraUse camera(*device);
+    if (!camera)
         return;
-    StreamState &stream = device->camera->stream;
+    StreamState &stream = (*camera).stream;
     MutexGuard guard(stream.mutex);
     if (stream.streaming) {
         SharedStore(stream.output.bmiHeader.biHeight, height);
@@ -269,16 +272,13 @@ NTSTATUS CapturePin::HandlePinProperty(PropertyRequest &request, NTSTATUS defaul
         return defaultStatus;
     if (IsSupportQuery(request))
         return AnswerSupport(request, KSPROPERTY_TYPE_GET);
-    if ((request.property->Flags & KSPROPERTY_TYPE_GET) == 0 ||
-        request.outputLength < sizeof(KSPROPERTY_DROPPEDFRAMES_CURRENT_S))
+    auto *answer = IsGet(request) ? StartAnswer<KSPROPERTY_DROPPEDFRAMES_CURRENT_S>(request) : nullptr;
+    if (answer == nullptr)
         return defaultStatus;
-
-    auto *answer = static_cast<KSPROPERTY_DROPPEDFRAMES_CURRENT_S *>(request.data);
     answer->PictureNumber = static_cast<LONGLONG>(SharedLoad(frames));
     answer->DropCount = static_cast<LONGLONG>(SharedLoad(droppedFrames));
     const KS_VIDEOINFOHEADER *current = ReadPublished(format);
     answer->AverageFrameSize = acquired && current != nullptr ? current->bmiHeader.biSizeImage : 0;
-    request.information = sizeof(*answer);
     return STATUS_SUCCESS;
 }
 

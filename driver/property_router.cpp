@@ -15,14 +15,15 @@ namespace {
 constexpr ULONG kTransferTypeMask = 3; // of a control code
 
 // The connected pin answers for the filter; without one there is nobody who counts. The pin may belong to another
-// filter, which closes it when it likes: the lock keeps it here. Property and data are the class driver's copies.
+// filter, which closes it when it likes: the lock keeps it here. No fault is to be feared under it: property and data
+// are the class driver's copies.
 NTSTATUS HandleDroppedFrames(UvcDevice &device, PropertyRequest &request) {
     SpinLockGuard guard(device.pinLock);
     return device.pin != nullptr ? device.pin->HandlePinProperty(request, STATUS_NOT_IMPLEMENTED)
                                  : STATUS_NOT_IMPLEMENTED;
 }
 
-// A device whose restart failed has no camera, though an application may have kept its filter open.
+// The handlers of requests that need the camera.
 template <PropertyHandler Handler> NTSTATUS AskCamera(UvcDevice &device, PropertyRequest &request) {
     UvcCamera *camera = ReadPublished(device.camera);
     return camera != nullptr ? Handler(device, *camera, request) : STATUS_DEVICE_NOT_CONNECTED;
@@ -85,6 +86,9 @@ NTSTATUS HandleFilterProperty(PIRP irp, PKSIDENTIFIER property, PVOID data) {
         instance = static_cast<KSPROPERTY *>(control.Type3InputBuffer) + 1;
     }
 
+    CameraUse camera(*device); // outside the guarded call, from which a fault returns past every scope
+    if (!camera)
+        return STATUS_DEVICE_NOT_CONNECTED;
     Routing routing{.device = device,
                     .request = {.irp = irp,
                                 .property = property,

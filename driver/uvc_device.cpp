@@ -28,6 +28,7 @@ NTSTATUS UvcDevice::Add(KSDEVICE *device) {
     auto *context = new (PlaceInPool{block}) UvcDevice(device);
     context->allocations.Initialise();
     KeInitializeSpinLock(&context->pinLock);
+    RundownInitialise(context->cameraUses_);
 
     NTSTATUS status;
     {
@@ -46,8 +47,10 @@ void UvcDevice::Free(void *context) {
     auto *self = static_cast<UvcDevice *>(context);
     self->allocations.FreeBlocks();
     self->Retire();
-    for (UvcCamera *earlier : self->earlierCameras_)
+    while (UvcCamera *earlier = self->earlierCameras_) {
+        self->earlierCameras_ = earlier->earlier;
         earlier->Destroy(kDestroyAndFree);
+    }
     self->allocations.Delete();
     self->~UvcDevice();
     ExFreePool(self);
@@ -57,7 +60,6 @@ NTSTATUS UvcDevice::Start() {
     if (device->Started)
         return STATUS_SUCCESS;
 
-    // An application may have kept its filter open over a stop: no request of its finds a camera that is not ready.
     UvcCamera *candidate = IdentifyCamera();
     if (candidate == nullptr)
         return STATUS_INSUFFICIENT_RESOURCES;
@@ -68,6 +70,7 @@ NTSTATUS UvcDevice::Start() {
         return status;
     }
     Publish(camera, candidate);
+    RundownOpen(cameraUses_);
 
     KSFILTER_DESCRIPTOR *filterDescriptor = nullptr;
     status = BuildDeviceDescriptors(*this, filterDescriptor);
@@ -90,8 +93,6 @@ NTSTATUS UvcDevice::Start() {
 UvcCamera *UvcDevice::IdentifyCamera() {
     USB_DEVICE_DESCRIPTOR descriptor{};
     if (!NT_SUCCESS(UsbGetDeviceDescriptor(device->PhysicalDeviceObject, &descriptor))) {
-        if (camera != nullptr)
-            static_cast<void>(StreamStop(*camera)); // cannot fail
         return Withdraw();
     }
     StoreNames(descriptor);
@@ -118,21 +119,31 @@ void UvcDevice::StoreNames(const USB_DEVICE_DESCRIPTOR &descriptor) {
         static_cast<void>(StoreDeviceNames(device->PhysicalDeviceObject, manufacturer, product));
 }
 
-// Requests that come from now on find no camera.
+// An application may have kept filter and pin open over a stop: its requests find no camera from now on, and none is
+// left in the camera. The class driver need not have stopped the pin of a device that was stopped or pulled.
 UvcCamera *UvcDevice::Withdraw() {
+    RundownClose(cameraUses_);
     UvcCamera *withdrawn = camera;
     Publish<UvcCamera>(camera, nullptr);
+    if (withdrawn != nullptr)
+        static_cast<void>(StreamStop(*withdrawn)); // cannot fail
     return withdrawn;
 }
 
-// The class driver need not have stopped the pin of a device that was stopped or pulled.
 void UvcDevice::Retire() {
     UvcCamera *retired = Withdraw();
     if (retired == nullptr)
         return;
-    static_cast<void>(StreamStop(*retired)); // cannot fail
-    if (!NT_SUCCESS(earlierCameras_.Append(retired)))
-        retired->Destroy(kDestroyAndFree); // no memory to remember it by
+    retired->earlier = earlierCameras_;
+    earlierCameras_ = retired;
+}
+
+UvcCamera *UvcDevice::EnterCamera() {
+    return RundownEnter(cameraUses_) ? ReadPublished(camera) : nullptr;
+}
+
+void UvcDevice::LeaveCamera() {
+    RundownLeave(cameraUses_);
 }
 
 void UvcDevice::CompleteFrame(KSSTREAM_POINTER *frame, NTSTATUS status) {

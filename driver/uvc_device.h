@@ -7,8 +7,8 @@
 #pragma once
 
 #include "driver/allocation_list.h"
-#include "platform/pool.h"
 #include "usb/frame_sink.h"
+#include "usb/rundown.h"
 
 namespace uvc {
 
@@ -27,6 +27,11 @@ class UvcDevice final : public FrameSink {
     // device mutex for the filter factory.
     NTSTATUS Start();
 
+    // The camera, for one use that LeaveCamera ends; null while there is none. A restart waits for uses under way and
+    // keeps others out until the next camera is ready. IRQL: PASSIVE_LEVEL. Lock: none that a start takes.
+    UvcCamera *EnterCamera();
+    void LeaveCamera();
+
     // FrameSink: both go to the connected pin, unconditionally. The transport calls them only while a pin holds the
     // claim; the pin stops the stream before it drops the claim.
     void CompleteFrame(KSSTREAM_POINTER *frame, NTSTATUS status) override;
@@ -36,7 +41,8 @@ class UvcDevice final : public FrameSink {
     LONG pinClaim; // 1 while a pin owns the camera; interlocked operations only
     CapturePin *pin;
     KS_VIDEOINFOHEADER *format; // the connected pin's format copy
-    UvcCamera *camera;          // null unless the last start found and initialised one; published to property requests
+    UvcCamera
+        *camera; // published; null unless the last start found and initialised one; published to property requests
     AllocationList allocations;
     KSPIN_LOCK pinLock; // over `pin` and what the pin holds while it is connected, against requests at other filters
 
@@ -49,9 +55,30 @@ class UvcDevice final : public FrameSink {
     UvcCamera *Withdraw();
     void Retire();
 
-    // Cameras of earlier starts. A start replaces the camera without destroying it, since the memory of a start is
-    // reclaimed only when the device goes.
-    GrowableArray<UvcCamera *> earlierCameras_;
+    Rundown cameraUses_;
+
+    // The cameras of earlier starts, the newest first. A start replaces the camera without destroying it, since the
+    // memory of a start is reclaimed only when the device goes.
+    UvcCamera *earlierCameras_ = nullptr;
+};
+
+// One use of the device's camera, as long as the scope.
+class CameraUse {
+  public:
+    explicit CameraUse(UvcDevice &device) : device_(device), camera_(device.EnterCamera()) {}
+    ~CameraUse() {
+        if (camera_ != nullptr)
+            device_.LeaveCamera();
+    }
+    CameraUse(const CameraUse &) = delete;
+    CameraUse &operator=(const CameraUse &) = delete;
+
+    explicit operator bool() const { return camera_ != nullptr; }
+    UvcCamera &operator*() const { return *camera_; }
+
+  private:
+    UvcDevice &device_;
+    UvcCamera *const camera_;
 };
 
 } // namespace uvc
