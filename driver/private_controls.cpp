@@ -12,7 +12,7 @@ namespace {
 struct BlockLayout {
     ControlRequestKind kind;
     ULONG size;
-    ULONG headerSize; // of the property header in front, which an answer leaves alone
+    ULONG headerSize; // of the property header in front
 };
 
 constexpr BlockLayout kOrdinary = {kControlExtendedValue, sizeof(ControlExtendedBlock), sizeof(KSPROPERTY)};
@@ -20,28 +20,14 @@ constexpr BlockLayout kRegister = {kControlRegister, 40, sizeof(KSPROPERTY)};
 constexpr BlockLayout kRegisters = {kControlRegisters, 88, sizeof(KSPROPERTY)};
 constexpr BlockLayout kDefectList = {kControlDefectList, 1028, 0};
 
-// Ids of the colour matrix set that are lists of defective pixels.
-constexpr ULONG kFirstDefectListId = 33;
-constexpr ULONG kLastDefectListId = 35;
-
 const BlockLayout &LayoutOf(ULONG set, ULONG id) {
     if (set == kPrivateImageSet && id == kRegisterId)
         return kRegister;
     if (set == kPrivateImageSet && id == kRegisterPairId)
         return kRegisters;
-    if (set == kPrivateColourMatrixSet && id >= kFirstDefectListId && id <= kLastDefectListId)
+    if (set == kPrivateColourMatrixSet && id >= kDefectsId && id <= kDefectsBinned4Id)
         return kDefectList;
     return kOrdinary;
-}
-
-// What a get starts from: zeros, but for the registers, which a client names in the block that it sends as property.
-void StartAnswer(const BlockLayout &layout, const PropertyRequest &request, void *block) {
-    auto *words = static_cast<UCHAR *>(block) + layout.headerSize;
-    const ULONG size = layout.size - layout.headerSize;
-    RtlZeroMemory(words, size);
-    const bool named = layout.kind == kControlRegister || layout.kind == kControlRegisters;
-    if (named && request.instance != nullptr && request.inputLength >= layout.size)
-        RtlCopyMemory(words, request.instance, size);
 }
 
 NTSTATUS Get(UvcCamera &camera, ULONG set, PropertyRequest &request) {
@@ -49,7 +35,8 @@ NTSTATUS Get(UvcCamera &camera, ULONG set, PropertyRequest &request) {
     void *block = AnswerBuffer(request, layout.size);
     if (block == nullptr)
         return STATUS_INVALID_PARAMETER;
-    StartAnswer(layout, request, block);
+    RtlZeroMemory(block, layout.size);
+    RtlCopyMemory(block, request.property, layout.headerSize);
     NTSTATUS status = camera.GetControl(set, request.property->Id, layout.kind, block, layout.size);
     if (NT_SUCCESS(status))
         request.information = layout.size;

@@ -11,8 +11,8 @@ inline constexpr ULONG kGetAndSet = KSPROPERTY_TYPE_GET | KSPROPERTY_TYPE_SET;
 struct PropertyRequest {
     PIRP irp; // null for a request that the driver makes itself
     KSPROPERTY *property;
-    void *instance; // instance data behind the property header, or null
-    void *data;
+    void *instance; // instance data behind the property header, or null; the caller's memory, for guarded reads only
+    void *data;     // the class driver's copy
     ULONG inputLength;
     ULONG outputLength;
     ULONG information; // bytes returned
@@ -42,6 +42,18 @@ inline bool IsSet(const PropertyRequest &request) {
 // Where the answer to a get goes; null when there is no room for `size` bytes.
 inline void *AnswerBuffer(const PropertyRequest &request, ULONG size) {
     return request.outputLength >= size ? request.data : nullptr;
+}
+
+// The block that answers a get: the property header that was asked for, then zeros. A get brings no data, so what is
+// not written is whatever the memory held before. Sets the information to the block's size; null when there is no room.
+template <class Block> Block *StartAnswer(PropertyRequest &request) {
+    void *block = AnswerBuffer(request, sizeof(Block));
+    if (block == nullptr)
+        return nullptr;
+    RtlZeroMemory(block, sizeof(Block));
+    RtlCopyMemory(block, request.property, sizeof(KSPROPERTY));
+    request.information = sizeof(Block);
+    return static_cast<Block *>(block);
 }
 
 // What a set brings; null when it is shorter than `size` bytes. The input length counts the property header that a

@@ -10,17 +10,16 @@ namespace uvc {
 namespace {
 
 NTSTATUS Get(UvcCamera &camera, ULONG set, PropertyRequest &request) {
-    auto *answer = static_cast<ControlValueBlock *>(AnswerBuffer(request, sizeof(ControlValueBlock)));
-    if (answer == nullptr)
+    if (AnswerBuffer(request, sizeof(ControlValueBlock)) == nullptr)
         return STATUS_INVALID_PARAMETER;
     ControlValueBlock block{};
     NTSTATUS status = camera.GetControl(set, request.property->Id, kControlValue, &block, sizeof(block));
     if (!NT_SUCCESS(status))
         return status;
+    auto *answer = StartAnswer<ControlValueBlock>(request);
     answer->value = block.value;
     answer->flags = block.flags;
     answer->capabilities = block.capabilities;
-    request.information = sizeof(block);
     return status;
 }
 

@@ -13,29 +13,27 @@ constexpr ULONG kTriggerFlags = 7;
 NTSTATUS GetCapabilities(UvcCamera &camera, PropertyRequest &request) {
     using Block = KSPROPERTY_VIDEOCONTROL_CAPS_S;
     static_assert(sizeof(Block) == 32);
-    auto *answer = static_cast<Block *>(AnswerBuffer(request, sizeof(Block)));
+    auto *answer = StartAnswer<Block>(request);
     if (answer == nullptr)
         return STATUS_INVALID_PARAMETER;
     // The software trigger has always gone without a flag.
     answer->VideoControlCaps =
         camera.ItemExists(kPrivateImageSet, kExternalTriggerId) ? KS_VideoControlFlag_ExternalTriggerEnable : 0;
-    request.information = sizeof(Block);
     return STATUS_SUCCESS;
 }
 
 NTSTATUS GetMode(UvcCamera &camera, PropertyRequest &request) {
     using Block = KSPROPERTY_VIDEOCONTROL_MODE_S;
     static_assert(sizeof(Block) == 32);
-    auto *answer = static_cast<Block *>(AnswerBuffer(request, sizeof(Block)));
-    if (answer == nullptr)
+    if (AnswerBuffer(request, sizeof(Block)) == nullptr)
         return STATUS_INVALID_PARAMETER;
     ControlExtendedBlock trigger{};
     NTSTATUS status =
         camera.GetControl(kPrivateImageSet, kExternalTriggerId, kControlExtendedValue, &trigger, sizeof(trigger));
     if (!NT_SUCCESS(status))
         return status;
-    answer->Mode = (trigger.flags & kTriggerOff) == 0 ? KS_VideoControlFlag_ExternalTriggerEnable : 0;
-    request.information = sizeof(Block);
+    StartAnswer<Block>(request)->Mode =
+        (trigger.flags & kTriggerOff) == 0 ? KS_VideoControlFlag_ExternalTriggerEnable : 0;
     return status;
 }
 

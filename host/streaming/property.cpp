@@ -11,6 +11,7 @@ namespace host::streaming {
 namespace {
 
 constexpr SIZE_T kQuad = 8; // alignment of the property behind the data
+constexpr UCHAR kUnwritten = 0xC5;
 
 const KSPROPERTY_ITEM *FindItem(const PropertyTable &table, const KSPROPERTY_SET &set, ULONG id) {
     for (ULONG i = 0; i < set.PropertiesCount; ++i) {
@@ -226,6 +227,8 @@ NTSTATUS AnswerProperty(PIRP irp, std::span<const PropertyTable> tables) {
     auto &property = *reinterpret_cast<KSPROPERTY *>(buffer + dataSize);
     NTSTATUS status = CopyFromCaller(irp, &property, control.Type3InputBuffer, inputLength);
     bool in = CarriesDataIn(property.Flags);
+    if (!in)
+        std::fill_n(buffer, outputLength, kUnwritten); // whoever answers less than it says tells what lay there
     if (NT_SUCCESS(status) && in)
         status = CopyFromCaller(irp, buffer, irp->UserBuffer, outputLength);
     if (NT_SUCCESS(status)) {
