@@ -6,7 +6,7 @@ namespace uvc {
 
 void AutomaticControl::Attach(UvcCamera &camera, UvcControl *control) {
     command_.Attach(camera, control);
-    SharedStore(automatic_, control != nullptr);
+    SharedStore(automatic_, control != nullptr && control->rangeValid);
     if (control != nullptr)
         SharedStore(current_, UvcControlNumber(*control, SharedLoad(control->current)));
 }
@@ -31,6 +31,8 @@ NTSTATUS AutomaticControl::Tell(const ControlRequest &request, ControlAnswer &an
 
 NTSTATUS AutomaticControl::Set(UvcCamera &camera, const ControlSetting &setting) {
     if ((setting.flags & kControlAutomatic) != 0) {
+        if (SharedLoad(automatic_))
+            return STATUS_SUCCESS; // a step may be on its way: what the camera has is older
         LONG value = SharedLoad(current_);
         NTSTATUS status = Read(camera, value);
         if (!NT_SUCCESS(status))
@@ -47,8 +49,10 @@ NTSTATUS AutomaticControl::Set(UvcCamera &camera, const ControlSetting &setting)
 }
 
 void AutomaticControl::Follow(WorkItemTracker &tracker, LONG value) {
-    // A step that cannot be queued has not happened: the next one starts from what the camera still has.
-    if (SharedLoad(automatic_) && value != SharedLoad(current_) && NT_SUCCESS(command_.Queue(tracker, value)))
+    // A step that cannot be queued has not happened: the next one starts from what the camera still has. One that the
+    // camera did not take is repeated, for the automatic may be at the end of its range and have no other to send.
+    const bool wanted = value != SharedLoad(current_) || command_.Failed();
+    if (SharedLoad(automatic_) && wanted && NT_SUCCESS(command_.Queue(tracker, value)))
         SharedStore(current_, value);
 }
 

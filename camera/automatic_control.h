@@ -12,7 +12,8 @@ class AutomaticControl {
     // converts frames.
     AutomaticControl(LONG &current, bool &automatic) : current_(current), automatic_(automatic), command_(&automatic) {}
 
-    // The automatic is on when there is a control, and goes on from its value. IRQL: PASSIVE_LEVEL.
+    // The automatic is on when there is a control that tells its range, and goes on from its value. IRQL:
+    // PASSIVE_LEVEL.
     void Attach(UvcCamera &camera, UvcControl *control);
 
     // What the camera has now. STATUS_NOT_IMPLEMENTED without a control. IRQL: PASSIVE_LEVEL.

@@ -24,6 +24,9 @@ class ControlCommand {
     // it runs. A failure is that of the queue: nothing will be sent. IRQL: <= DISPATCH_LEVEL. Lock: none.
     NTSTATUS Queue(WorkItemTracker &tracker, LONG value);
 
+    // Whether the camera refused the value sent last. IRQL: <= DISPATCH_LEVEL. Lock: none.
+    bool Failed() const;
+
     // Sends the value now, as an application asks for it: after an item that is just sending. Whoever wants no further
     // item to send clears `enabled` first. STATUS_NOT_IMPLEMENTED without a control. IRQL: PASSIVE_LEVEL.
     NTSTATUS Send(LONG value);
@@ -36,13 +39,14 @@ class ControlCommand {
     };
 
     static void Run(PDEVICE_OBJECT device, void *context);
-    void SendQueued();
+    NTSTATUS SendNewest();
 
     const bool *enabled_; // shared
     UvcCamera *camera_ = nullptr;
     UvcControl *control_ = nullptr;
-    LONG value_ = 0;     // shared
-    LONG state_ = kIdle; // atomic
+    bool failed_ = false; // shared
+    LONG value_ = 0;      // shared
+    LONG state_ = kIdle;  // atomic
     KMUTEX sending_;
 };
 

@@ -43,7 +43,7 @@ DefectPixel LoadPixel(const DefectPixel &from) {
 // From the shared list and into it. A frame may see some old and some new pixels.
 void ReadList(const DefectPixelList &shared, DefectPixelList &list) {
     const ULONG count = CountOf(shared);
-    list.count = count; // not read back: the list may be an application's
+    list.count = count;
     for (ULONG i = 0; i < count; ++i)
         list.pixels[i] = LoadPixel(shared.pixels[i]);
 }
@@ -92,8 +92,7 @@ DefectProvider::DefectProvider(const CameraDescription &description)
 
 NTSTATUS DefectProvider::Attach(UvcCamera &camera) {
     SharedStore(enabled_, true);
-    for (DefectPixelList *list : {&lists_.full, &lists_.binned2, &lists_.binned4})
-        SharedStore(list->count, 0u);
+    ForgetDefects();
     return LoadStore(camera) == STATUS_INSUFFICIENT_RESOURCES ? STATUS_INSUFFICIENT_RESOURCES : STATUS_SUCCESS;
 }
 
@@ -136,7 +135,15 @@ NTSTATUS DefectProvider::ClearStore(UvcCamera &camera) {
         MutexGuard guard(storeMutex_);
         status = ClearUserData(camera);
     }
-    return NT_SUCCESS(status) ? LoadStore(camera) : status;
+    if (!NT_SUCCESS(status))
+        return status;
+    ForgetDefects();
+    return LoadStore(camera);
+}
+
+void DefectProvider::ForgetDefects() {
+    for (DefectPixelList *list : {&lists_.full, &lists_.binned2, &lists_.binned4})
+        SharedStore(list->count, 0u);
 }
 
 void DefectProvider::Correct(const imaging::ImageDescriptor &image, const RegionProvider &region) {
@@ -180,7 +187,7 @@ NTSTATUS DefectProvider::GetList(const ControlRequest &request) {
     return STATUS_SUCCESS;
 }
 
-// A count above 256 is taken as 256. The application may change its buffer at any time, so each number is read once.
+// A count above 256 is taken as 256.
 NTSTATUS DefectProvider::SetList(const ControlRequest &request) {
     if (!HasBlock(request))
         return STATUS_NOT_IMPLEMENTED;

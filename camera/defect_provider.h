@@ -32,6 +32,7 @@ class DefectProvider final : public PropertyProvider {
     static NTSTATUS SetList(const ControlRequest &request);
     static const ControlItem kItems[4];
 
+    void ForgetDefects();
     imaging::DefectPixelList &ListOf(const ControlRequest &request);
 
     const CameraDescription &description_;

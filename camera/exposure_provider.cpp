@@ -129,15 +129,15 @@ NTSTATUS ExposureProvider::SetLimits(const ControlRequest &request) {
         return status;
     case kExposureLimitFollowsCameraId:
         SharedStore(state.limitFollowsCamera, setting.value != 0);
-        break;
-    default:
-        SharedStore(state.autoMaximum, setting.value);
-        break;
+        if (setting.value != 0)
+            SharedStore(state.autoMaximum, state.cameraMaximum);
+        return status;
+    default: {
+        const bool follows = SharedLoad(state.limitFollowsCamera);
+        SharedStore(state.autoMaximum, follows ? state.cameraMaximum : setting.value);
+        return status;
     }
-    // Either setting brings the limit to the camera's own while it follows that.
-    if (SharedLoad(state.limitFollowsCamera))
-        SharedStore(state.autoMaximum, state.cameraMaximum);
-    return status;
+    }
 }
 
 } // namespace uvc

@@ -59,10 +59,12 @@ void FocusProvider::Judge(const imaging::ImageDescriptor &source, WorkItemTracke
         return;
     LARGE_INTEGER now;
     KeQuerySystemTime(&now);
+    const LONG position = search_.Position();
     LONG target = 0;
-    // A move that cannot be queued is one that did not make the image sharper.
-    if (search_.Step(source, static_cast<ULONGLONG>(now.QuadPart), target))
-        static_cast<void>(command_.Queue(tracker, target));
+    // Without the move the next score is still that of where the motor is.
+    if (search_.Step(source, static_cast<ULONGLONG>(now.QuadPart), target) &&
+        !NT_SUCCESS(command_.Queue(tracker, target)))
+        search_.SetPosition(position);
 }
 
 NTSTATUS FocusProvider::GetPosition(const ControlRequest &request) {

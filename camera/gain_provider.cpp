@@ -24,7 +24,8 @@ NTSTATUS GainProvider::Attach(UvcCamera &camera) {
     if (control == nullptr)
         return STATUS_NOT_IMPLEMENTED;
     state_.minimum = UvcControlNumber(*control, control->minimum);
-    state_.maximum = UvcControlNumber(*control, control->maximum) - 1; // the sensors clip at their last step
+    const LONG maximum = UvcControlNumber(*control, control->maximum);
+    state_.maximum = maximum > state_.minimum ? maximum - 1 : maximum; // the sensors clip at their last step
     state_.defaultValue = UvcControlNumber(*control, control->defaultValue);
     return STATUS_SUCCESS;
 }

@@ -17,12 +17,6 @@ WhiteBalanceProvider &ProviderOf(const ControlRequest &request) {
     return *static_cast<WhiteBalanceProvider *>(request.provider);
 }
 
-// An application may have set another value meanwhile: it stands unless the step has one of its own.
-void StoreStep(imaging::GainRecord &record, LONG before, LONG after) {
-    if (after != before)
-        SharedStore(record.current, after);
-}
-
 } // namespace
 
 const ControlItem WhiteBalanceProvider::kItems[] = {
@@ -90,9 +84,10 @@ bool WhiteBalanceProvider::Judge(const imaging::ImageDescriptor &source,
         return true;
     }
     const Balance balance = BalanceStep(samples, gains);
-    StoreStep(gains_.red, gains.red, balance.gains.red);
-    StoreStep(gains_.green, gains.green, balance.gains.green);
-    StoreStep(gains_.blue, gains.blue, balance.gains.blue);
+    // A gain that an application has set meanwhile stands.
+    SharedReplace(gains_.red.current, gains.red, balance.gains.red);
+    SharedReplace(gains_.green.current, gains.green, balance.gains.green);
+    SharedReplace(gains_.blue.current, gains.blue, balance.gains.blue);
     if (onePush && balance.converged)
         SharedStore(onePush_, false);
     brightness = balance.brightness;
@@ -121,9 +116,12 @@ NTSTATUS WhiteBalanceProvider::SetBalance(const ControlRequest &request) {
     NTSTATUS status = ReadControlSetting(request, setting);
     if (!NT_SUCCESS(status))
         return status;
-    imaging::GainRecords &gains = ProviderOf(request).gains_;
-    for (imaging::GainRecord *record : {&gains.blue, &gains.red, &gains.green})
-        SharedStore(record->automatic, (setting.flags & kControlAutomatic) != 0);
+    WhiteBalanceProvider &provider = ProviderOf(request);
+    const bool automatic = (setting.flags & kControlAutomatic) != 0;
+    for (imaging::GainRecord *record : {&provider.gains_.blue, &provider.gains_.red, &provider.gains_.green})
+        SharedStore(record->automatic, automatic);
+    if (!automatic)
+        SharedStore(provider.onePush_, false); // it might never report that it is done
     return status;
 }
 

@@ -14,6 +14,10 @@ template <class T> void SharedStore(T &field, std::type_identity_t<T> value) {
 template <class T> void SharedAdd(T &field, std::type_identity_t<T> amount) {
     __atomic_fetch_add(&field, amount, __ATOMIC_RELAXED);
 }
+// Stores `value` unless the field has changed from `expected`.
+template <class T> void SharedReplace(T &field, std::type_identity_t<T> expected, std::type_identity_t<T> value) {
+    __atomic_compare_exchange_n(&field, &expected, value, false, __ATOMIC_RELAXED, __ATOMIC_RELAXED);
+}
 
 // A pointer to something complete: whoever reads the pointer sees what was written before it was published.
 template <class T> T *ReadPublished(T *const &field) {

@@ -481,7 +481,8 @@ TEST(DefectControls, AFailingStoreIsTold) {
                 EXPECT_GT(nth, 1u);
                 break;
             }
-            EXPECT_EQ(plugged.Count(33), 256u); // as they were
+            // As they were, unless the store behind them has just been cleared.
+            EXPECT_EQ(plugged.Count(33), id == 23 && nth > 1 ? 0u : 256u);
             EXPECT_EQ(plugged.camera.SetParameter(21, 1), STATUS_SUCCESS);
             const ULONG stored = plugged.Count(34);
             EXPECT_TRUE(stored == 256 || stored == 0) << stored;
