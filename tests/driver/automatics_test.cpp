@@ -115,8 +115,10 @@ TEST_P(AutoExposure, BringsTheSceneToItsReference) {
     capture.Run();
     capture.Watch(4);
     EXPECT_TRUE(capture.Brightness() < 30 || capture.Brightness() > 230) << capture.Brightness();
-    capture.Watch(100);
-    EXPECT_GE(capture.Brightness(), 115u);
+    // At most 16 steps of the law, one in four frames, and two frames that are on their way.
+    capture.Watch(66);
+    // The short exposure of the bright scene stalls a little early: its steps are rounded down.
+    EXPECT_GE(capture.Brightness(), std::string_view(light) == "8" ? 115u : 125u);
     EXPECT_LE(capture.Brightness(), 130u);
     EXPECT_FALSE(capture.TakeSets(kTerminal, 4).empty());
     capture.Watch(20);
