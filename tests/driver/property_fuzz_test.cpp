@@ -16,22 +16,24 @@ namespace {
 
 constexpr int kRequests = 12'500; // of one test; eight of them make 100,000
 constexpr std::size_t kGuard = 64;
+constexpr ULONG kLongest = 1u << 20;
 constexpr UCHAR kCanary = 0xA5;
 constexpr ULONG kParameterSet = 7;
 
-// Memory of the application: a page that it can write, one that it can only read, one that it cannot touch.
+// Memory of the application: a page that it can write, one that it can only read, and more than any request is long
+// that it cannot touch.
 class Pages {
   public:
     static constexpr std::size_t kSize = 4096;
+    static constexpr std::size_t kUntouchable = 2 * kLongest;
 
     Pages()
         : memory_(static_cast<std::uint8_t *>(
-              mmap(nullptr, 3 * kSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0))) {
-        std::memset(memory_, 0, 3 * kSize);
+              mmap(nullptr, kWhole, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0))) {
         mprotect(memory_ + kSize, kSize, PROT_READ);
-        mprotect(memory_ + 2 * kSize, kSize, PROT_NONE);
+        mprotect(memory_ + 2 * kSize, kUntouchable, PROT_NONE);
     }
-    ~Pages() { munmap(memory_, 3 * kSize); }
+    ~Pages() { munmap(memory_, kWhole); }
     Pages(const Pages &) = delete;
     Pages &operator=(const Pages &) = delete;
 
@@ -39,6 +41,7 @@ class Pages {
     std::uint8_t *Untouchable() { return memory_ + 2 * kSize; }
 
   private:
+    static constexpr std::size_t kWhole = 2 * kSize + kUntouchable;
     std::uint8_t *memory_;
 };
 
@@ -129,7 +132,7 @@ class Fuzzer {
         case 2:
             return right + Below(9);
         case 3:
-            return Chance(20) ? Below(1u << 20) : 0;
+            return Chance(20) ? Below(kLongest) : 0;
         default:
             return right;
         }

@@ -51,10 +51,9 @@ class PropertySweep : public testing::TestWithParam<std::string> {
     static void Fill(const FilterItem &item, ULONG flags, const std::vector<std::uint8_t> &instance,
                      std::vector<std::uint8_t> &input) {
         const KSPROPERTY property{.Set = *item.set, .Id = item.id, .Flags = flags};
-        std::memcpy(input.data(), &property, std::min(sizeof(property), input.size()));
-        if (input.size() > sizeof(property) && !instance.empty())
-            std::memcpy(input.data() + sizeof(property), instance.data(),
-                        std::min(instance.size(), input.size() - sizeof(property)));
+        std::vector<std::uint8_t> bytes(BytesOf(property).begin(), BytesOf(property).end());
+        bytes.insert(bytes.end(), instance.begin(), instance.end());
+        std::copy_n(bytes.begin(), std::min(bytes.size(), input.size()), input.begin());
     }
 
     // False after a first difference, of which one is enough for an item.
