@@ -21,6 +21,12 @@ FocusProvider &ProviderOf(const ControlRequest &request) {
     return *static_cast<FocusProvider *>(request.provider);
 }
 
+ULONGLONG Now() {
+    LARGE_INTEGER time;
+    KeQuerySystemTime(&time);
+    return static_cast<ULONGLONG>(time.QuadPart);
+}
+
 } // namespace
 
 const ControlItem FocusProvider::kItems[] = {
@@ -57,13 +63,10 @@ NTSTATUS FocusProvider::Attach(UvcCamera &camera) {
 void FocusProvider::Judge(const imaging::ImageDescriptor &source, WorkItemTracker &tracker) {
     if (!Present() || !search_.Running())
         return;
-    LARGE_INTEGER now;
-    KeQuerySystemTime(&now);
     const LONG position = search_.Position();
     LONG target = 0;
     // Without the move the next score is still that of where the motor is.
-    if (search_.Step(source, static_cast<ULONGLONG>(now.QuadPart), target) &&
-        !NT_SUCCESS(command_.Queue(tracker, target)))
+    if (search_.Step(source, Now(), target) && !NT_SUCCESS(command_.Queue(tracker, target)))
         search_.SetPosition(position);
 }
 
@@ -84,7 +87,7 @@ NTSTATUS FocusProvider::SetPosition(const ControlRequest &request) {
     if (NT_SUCCESS(status))
         status = provider.command_.Send(setting.value);
     if (NT_SUCCESS(status))
-        provider.search_.SetPosition(setting.value);
+        provider.search_.MoveTo(setting.value, Now());
     return status;
 }
 

@@ -33,11 +33,18 @@ void FocusSearch::SetPosition(LONG position) {
     SharedStore(position_, position);
 }
 
+void FocusSearch::MoveTo(LONG position, ULONGLONG now) {
+    SharedStore(arrival_, now + SettleTime(Distance(position, Position())));
+    SetPosition(position);
+}
+
 bool FocusSearch::Running() const {
     return SharedLoad(startAsked_) || SharedLoad(running_);
 }
 
 bool FocusSearch::Step(const imaging::ImageDescriptor &image, ULONGLONG now, LONG &target) {
+    if (now < SharedLoad(arrival_))
+        return false;
     if (SharedLoad(startAsked_)) {
         SharedStore(running_, true);
         SharedStore(startAsked_, false); // before the start: a trigger from now on is another one
@@ -97,14 +104,19 @@ bool FocusSearch::GoToNextTarget(ULONGLONG now, LONG &target) {
     const LONGLONG travel = below <= above ? above / 4 : below / 4;
     target = static_cast<LONG>(below <= above ? bestPosition_ + travel : bestPosition_ - travel);
 
-    const LONGLONG range = LONGLONG{motor_.maximum} - motor_.minimum;
-    LONGLONG settleTime = range > 0 ? motor_.fullTravelTime * travel / range : 0;
-    if (settleTime < motor_.minimumSettleTime)
-        settleTime = motor_.minimumSettleTime;
-    settled_ = now + static_cast<ULONGLONG>(settleTime * kUnitsPerMs);
+    settled_ = now + SettleTime(travel);
     framesToSkip_ = kFramesAfterTarget;
     SharedStore(position_, target);
     return true;
+}
+
+// In 100 ns.
+ULONGLONG FocusSearch::SettleTime(LONGLONG travel) const {
+    const LONGLONG range = LONGLONG{motor_.maximum} - motor_.minimum;
+    LONGLONG milliseconds = range > 0 ? motor_.fullTravelTime * travel / range : 0;
+    if (milliseconds < motor_.minimumSettleTime)
+        milliseconds = motor_.minimumSettleTime;
+    return static_cast<ULONGLONG>(milliseconds * kUnitsPerMs);
 }
 
 bool FocusSearch::End() {

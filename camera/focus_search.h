@@ -29,6 +29,10 @@ class FocusSearch {
     LONG Position() const;
     void SetPosition(LONG position);
 
+    // An application has sent the motor to `position` at `now`, system time in 100 ns: no frame is judged before it has
+    // arrived. IRQL: <= DISPATCH_LEVEL. Lock: none.
+    void MoveTo(LONG position, ULONGLONG now);
+
     // Whether a run is under way or asked for. IRQL: <= DISPATCH_LEVEL. Lock: none.
     bool Running() const;
 
@@ -43,10 +47,12 @@ class FocusSearch {
     bool Search(const imaging::ImageDescriptor &image, ULONGLONG now, LONG &target);
     void Judge(LONG position, LONG score);
     bool GoToNextTarget(ULONGLONG now, LONG &target);
+    ULONGLONG SettleTime(LONGLONG travel) const;
     bool End();
 
     FocusMotor motor_;
     LONG position_ = 0;       // shared
+    ULONGLONG arrival_ = 0;   // shared; of a move that an application asked for
     bool startAsked_ = false; // shared
     bool running_ = false;    // shared; written by frames only
     imaging::Region region_{};
