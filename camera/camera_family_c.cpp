@@ -21,8 +21,10 @@ bool IsRaw(const GUID &subtype) {
     return subtype == kSubtypeBy8 || subtype == kSubtypeY800;
 }
 
-LONGLONG Distance(LONGLONG a, LONGLONG b) {
-    return a < b ? b - a : a - b;
+// Of any two numbers: the one that an application names is not checked.
+ULONGLONG Distance(LONGLONG a, LONGLONG b) {
+    const auto difference = static_cast<ULONGLONG>(a) - static_cast<ULONGLONG>(b);
+    return a < b ? 0 - difference : difference;
 }
 
 } // namespace

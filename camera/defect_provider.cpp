@@ -2,7 +2,6 @@
 
 #include "camera/control_id.h"
 #include "camera/user_data_store.h"
-#include "platform/byte_cursor.h"
 #include "platform/lock.h"
 #include "platform/pool.h"
 #include "platform/shared_field.h"
@@ -102,8 +101,8 @@ NTSTATUS DefectProvider::SaveStore(UvcCamera &camera) {
     auto lists = Snapshot::Allocate(NonPagedPool);
     if (!lists)
         return STATUS_INSUFFICIENT_RESOURCES;
-    ReadLists(lists_, *lists);
     MutexGuard guard(storeMutex_);
+    ReadLists(lists_, *lists);
     return SaveUserData(camera, *lists);
 }
 
@@ -130,11 +129,8 @@ NTSTATUS DefectProvider::DumpStore(UvcCamera &camera) {
 NTSTATUS DefectProvider::ClearStore(UvcCamera &camera) {
     if (!description_.userDataStore)
         return STATUS_NOT_IMPLEMENTED;
-    NTSTATUS status;
-    {
-        MutexGuard guard(storeMutex_);
-        status = ClearUserData(camera);
-    }
+    MutexGuard guard(storeMutex_); // which the loading takes once more
+    NTSTATUS status = ClearUserData(camera);
     if (!NT_SUCCESS(status))
         return status;
     ForgetDefects();
@@ -183,7 +179,9 @@ NTSTATUS DefectProvider::GetList(const ControlRequest &request) {
     if (!HasBlock(request))
         return STATUS_NOT_IMPLEMENTED;
     RtlZeroMemory(request.buffer, sizeof(DefectPixelList));
-    ReadList(ProviderOf(request).ListOf(request), *static_cast<DefectPixelList *>(request.buffer));
+    DefectProvider &provider = ProviderOf(request);
+    MutexGuard guard(provider.storeMutex_);
+    ReadList(provider.ListOf(request), *static_cast<DefectPixelList *>(request.buffer));
     return STATUS_SUCCESS;
 }
 
@@ -191,15 +189,9 @@ NTSTATUS DefectProvider::GetList(const ControlRequest &request) {
 NTSTATUS DefectProvider::SetList(const ControlRequest &request) {
     if (!HasBlock(request))
         return STATUS_NOT_IMPLEMENTED;
-    DefectPixelList &list = ProviderOf(request).ListOf(request);
-    ByteCursor cursor({static_cast<const UCHAR *>(request.buffer), sizeof(DefectPixelList)});
-    const ULONG count = std::min<ULONG>(cursor.U32(), imaging::kMaximumDefectPixels);
-    for (ULONG i = 0; i < count; ++i) {
-        const USHORT x = cursor.U16();
-        const USHORT y = cursor.U16();
-        StorePixel(list.pixels[i], {.x = x, .y = y});
-    }
-    SharedStore(list.count, count);
+    DefectProvider &provider = ProviderOf(request);
+    MutexGuard guard(provider.storeMutex_);
+    WriteList(provider.ListOf(request), *static_cast<const DefectPixelList *>(request.buffer));
     return STATUS_SUCCESS;
 }
 

@@ -36,8 +36,8 @@ class DefectProvider final : public PropertyProvider {
     imaging::DefectPixelList &ListOf(const ControlRequest &request);
 
     const CameraDescription &description_;
-    KMUTEX storeMutex_;                      // one transfer of the store at a time
-    bool enabled_ = true;                    // shared
+    KMUTEX storeMutex_;   // over the store and every change of the lists; frames take the lists as they are
+    bool enabled_ = true; // shared
     imaging::DefectPixelLists lists_{};      // shared
     imaging::DefectPixelLists frameLists_{}; // what the frame in hand is corrected by
 };

@@ -2,6 +2,7 @@
 
 #include "camera/control_id.h"
 #include "camera/uvc_camera.h"
+#include "platform/lock.h"
 #include "platform/shared_field.h"
 #include "usb/uvc_request.h"
 
@@ -14,29 +15,42 @@ constexpr ULONG kOffsetXSelector = 1;
 constexpr ULONG kOffsetYSelector = 2;
 constexpr ULONG kBinningSelector = 3;
 
+// How far a frame can be moved depends on its size and binning, so the range is asked for anew.
+NTSTATUS GetRegion(const ControlRequest &request) {
+    ControlRequest fresh = request;
+    UvcControl control{};
+    if (const UvcControl *known = request.controls[0]) {
+        control.kind = known->kind;
+        control.selector = known->selector;
+        control.unitId = known->unitId;
+        control.size = known->size;
+        UvcReadRange(request.camera, control);
+        fresh.controls[0] = &control;
+    }
+    return GetGenericControl(fresh);
+}
+
 // The camera settles what it is asked for, refuses it, or moves the other two along: what it has then is what counts.
 NTSTATUS SetRegion(const ControlRequest &request) {
-    NTSTATUS status = SetGenericControl(request);
-    static_cast<RegionProvider *>(request.provider)->Refresh(request.camera);
-    return status;
+    return static_cast<RegionProvider *>(request.provider)->Set(request);
 }
 
 constexpr ControlItem kItems[] = {
     {.propertySet = kPrivateImageSet,
      .propertyId = kOffsetXId,
-     .get = GetGenericControl,
+     .get = GetRegion,
      .set = SetRegion,
      .modeCount = 1,
      .mappings = {{kExtensionUnit, kOffsetXSelector}}},
     {.propertySet = kPrivateImageSet,
      .propertyId = kOffsetYId,
-     .get = GetGenericControl,
+     .get = GetRegion,
      .set = SetRegion,
      .modeCount = 1,
      .mappings = {{kExtensionUnit, kOffsetYSelector}}},
     {.propertySet = kPrivateImageSet,
      .propertyId = kBinningId,
-     .get = GetGenericControl,
+     .get = GetRegion,
      .set = SetRegion,
      .modeCount = 1,
      .mappings = {{kExtensionUnit, kBinningSelector}}},
@@ -51,7 +65,9 @@ ULONG NumberOf(const UvcControl *control, ULONG otherwise) {
 
 } // namespace
 
-RegionProvider::RegionProvider() : PropertyProvider(kItems) {}
+RegionProvider::RegionProvider() : PropertyProvider(kItems) {
+    KeInitializeMutex(&mutex_, 0);
+}
 
 NTSTATUS RegionProvider::Attach(UvcCamera &camera) {
     offsetX_ = camera.controls.Find(kExtensionUnit, kOffsetXSelector);
@@ -61,7 +77,19 @@ NTSTATUS RegionProvider::Attach(UvcCamera &camera) {
     return any ? STATUS_SUCCESS : STATUS_NOT_IMPLEMENTED;
 }
 
+NTSTATUS RegionProvider::Set(const ControlRequest &request) {
+    MutexGuard guard(mutex_);
+    NTSTATUS status = SetGenericControl(request);
+    ReadAll(request.camera);
+    return status;
+}
+
 void RegionProvider::Refresh(UvcCamera &camera) {
+    MutexGuard guard(mutex_);
+    ReadAll(camera);
+}
+
+void RegionProvider::ReadAll(UvcCamera &camera) {
     ULONGLONG raw = 0;
     for (UvcControl *control : {offsetX_, offsetY_, binning_})
         if (control != nullptr)

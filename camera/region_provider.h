@@ -13,7 +13,10 @@ class RegionProvider final : public PropertyProvider {
     // STATUS_NOT_IMPLEMENTED for a camera without any of these controls.
     NTSTATUS Attach(UvcCamera &camera) override;
 
-    // Asks the camera where the frame lies, since a commit or a set may have moved it. IRQL: PASSIVE_LEVEL.
+    // Sets one control, and asks the camera where the frame lies then. IRQL: PASSIVE_LEVEL.
+    NTSTATUS Set(const ControlRequest &request);
+
+    // Asks the camera where the frame lies, since a commit may have moved it. IRQL: PASSIVE_LEVEL.
     void Refresh(UvcCamera &camera);
 
     // As last read or set: offsets in pixels of the unbinned sensor, 0 where the camera has none, and the binning
@@ -23,6 +26,10 @@ class RegionProvider final : public PropertyProvider {
     ULONG Binning() const;
 
   private:
+    void ReadAll(UvcCamera &camera); // mutex held
+
+    KMUTEX mutex_; // one set or refresh at a time: what is read last is what the frame has
+
     // The camera's; null for what it lacks.
     UvcControl *offsetX_ = nullptr;
     UvcControl *offsetY_ = nullptr;

@@ -55,31 +55,27 @@ ULONG StandardSize(ULONG kind, ULONG selector) {
     return 0;
 }
 
+bool Ask(UvcCamera &camera, const UvcControl &control, UvcRequestCode code, ULONG length, ULONGLONG &value) {
+    return NT_SUCCESS(Send(camera, control, code, length, value));
+}
+
 // Reads the attributes; false when the control does not answer what every control has to. A control that does not tell
 // its size is there all the same, without attributes.
 bool Query(UvcCamera &camera, UvcControl &control) {
-    auto ask = [&](UvcRequestCode code, ULONG length, ULONGLONG &value) {
-        return NT_SUCCESS(Send(camera, control, code, length, value));
-    };
-
     control.size = StandardSize(control.kind, control.selector);
     if (control.size == 0) {
         ULONGLONG length = 0;
-        if (!ask(kGetLen, kLengthBytes, length) || length == 0)
+        if (!Ask(camera, control, kGetLen, kLengthBytes, length) || length == 0)
             return true;
         control.size = static_cast<ULONG>(std::min<ULONGLONG>(length, sizeof(control.current)));
     }
 
     ULONGLONG info = 0;
-    if (!ask(kGetInfo, kInfoBytes, info))
+    if (!Ask(camera, control, kGetInfo, kInfoBytes, info))
         return false;
     control.info = static_cast<UCHAR>(info);
-    control.resolutionValid = ask(kGetRes, control.size, control.resolution);
-    const bool minimumValid = ask(kGetMin, control.size, control.minimum);
-    const bool maximumValid = ask(kGetMax, control.size, control.maximum);
-    control.rangeValid = minimumValid || maximumValid;
-    control.defaultValid = ask(kGetDef, control.size, control.defaultValue);
-    return ask(kGetCur, control.size, control.current);
+    UvcReadRange(camera, control);
+    return Ask(camera, control, kGetCur, control.size, control.current);
 }
 
 } // namespace
@@ -134,6 +130,14 @@ LONG UvcControlNumber(const UvcControl &control, ULONGLONG value) {
     default:
         return 0;
     }
+}
+
+void UvcReadRange(UvcCamera &camera, UvcControl &control) {
+    control.resolutionValid = Ask(camera, control, kGetRes, control.size, control.resolution);
+    const bool minimumValid = Ask(camera, control, kGetMin, control.size, control.minimum);
+    const bool maximumValid = Ask(camera, control, kGetMax, control.size, control.maximum);
+    control.rangeValid = minimumValid || maximumValid;
+    control.defaultValid = Ask(camera, control, kGetDef, control.size, control.defaultValue);
 }
 
 NTSTATUS UvcReadControl(UvcCamera &camera, UvcControl &control, ULONGLONG &value) {

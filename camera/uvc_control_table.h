@@ -45,6 +45,9 @@ class UvcControlTable {
 // A value as a number: size 1 unsigned, size 2 signed, size 4 as 32 bits; any other size reads as 0.
 LONG UvcControlNumber(const UvcControl &control, ULONGLONG value);
 
+// GET_RES, GET_MIN, GET_MAX and GET_DEF into a control of the caller's own. IRQL: PASSIVE_LEVEL.
+void UvcReadRange(UvcCamera &camera, UvcControl &control);
+
 // GET_CUR into `value` and `current`, or neither on failure. IRQL: PASSIVE_LEVEL.
 NTSTATUS UvcReadControl(UvcCamera &camera, UvcControl &control, ULONGLONG &value);
 // SET_CUR from `value`, which becomes `current` first, whatever the camera answers. IRQL: PASSIVE_LEVEL.

@@ -39,7 +39,8 @@ NTSTATUS VendorSend(UvcCamera &camera, VendorRequestCode request, USHORT value, 
         .data = data,
     };
     ULONG sent = 0;
-    return UvcSendControlRequest(camera, control, sent);
+    NTSTATUS status = UvcSendControlRequest(camera, control, sent);
+    return NT_SUCCESS(status) && sent != length ? STATUS_UNSUCCESSFUL : status;
 }
 
 NTSTATUS VendorRead(UvcCamera &camera, VendorRequestCode request, USHORT value, USHORT index, void *data,
@@ -60,6 +61,7 @@ NTSTATUS VendorReadWord(UvcCamera &camera, VendorRequestCode request, ULONG &val
 
 NTSTATUS VendorReadDescription(UvcCamera &camera, CameraDescription &description) {
     constexpr UCHAR kVersion = 1;
+    constexpr UCHAR kPatterns = 4;
     enum Feature : UCHAR { kColour = 0x01, kRegisters = 0x04, kUserData = 0x20 };
 
     description = {};
@@ -68,17 +70,19 @@ NTSTATUS VendorReadDescription(UvcCamera &camera, CameraDescription &description
     NTSTATUS status = Receive(camera, kReadCameraDescription, 0, 0, bytes, sizeof(bytes), received);
     if (status == STATUS_INSUFFICIENT_RESOURCES)
         return status;
-    if (!NT_SUCCESS(status) || received != sizeof(bytes) || bytes[0] != kVersion)
+    ByteCursor cursor{std::span<const std::uint8_t>(bytes)};
+    const UCHAR version = cursor.U8();
+    const UCHAR features = cursor.U8();
+    const UCHAR pattern = cursor.U8();
+    if (!NT_SUCCESS(status) || received != sizeof(bytes) || version != kVersion ||
+        ((features & kColour) != 0 && pattern >= kPatterns))
         return STATUS_SUCCESS;
 
     RtlCopyMemory(description.bytes, bytes, sizeof(bytes));
-    ByteCursor cursor{std::span<const std::uint8_t>(bytes)};
-    cursor.Skip(1);
-    UCHAR features = cursor.U8();
     description.colour = (features & kColour) != 0;
     description.registerBlock = (features & kRegisters) != 0;
     description.userDataStore = (features & kUserData) != 0;
-    description.pattern = cursor.U8();
+    description.pattern = pattern;
     return STATUS_SUCCESS;
 }
 

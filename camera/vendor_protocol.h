@@ -44,8 +44,8 @@ struct CameraDescription {
     ULONG pattern; // Bayer pattern of a colour sensor: 0 B-G, 1 G-B, 2 G-R, 3 R-G
 };
 
-// A camera that refuses, cuts the answer short or speaks another version is monochrome without any feature; only
-// STATUS_INSUFFICIENT_RESOURCES is a failure.
+// A camera that refuses, cuts the answer short, speaks another version or names an unknown pattern is monochrome
+// without any feature; only STATUS_INSUFFICIENT_RESOURCES is a failure.
 NTSTATUS VendorReadDescription(UvcCamera &camera, CameraDescription &description);
 
 } // namespace uvc

@@ -5,6 +5,8 @@
 #include "platform/shared_field.h"
 #include "usb/usb_request.h"
 
+#include <algorithm>
+
 namespace uvc {
 
 namespace {
@@ -73,7 +75,7 @@ NTSTATUS UvcSendControlRequest(UvcCamera &camera, const UvcControlRequest &reque
     NTSTATUS status =
         UsbSubmitUrbOrFail(camera.link->lowerDevice, reinterpret_cast<URB *>(urb.Get()), ControlTimeoutMs(camera));
     if (NT_SUCCESS(status))
-        transferred = urb->TransferBufferLength;
+        transferred = std::min(urb->TransferBufferLength, request.length);
     return status;
 }
 

@@ -4,6 +4,7 @@
 #include "tests/camera/plugged_camera.h"
 
 #include <cstring>
+#include <limits>
 #include <random>
 
 namespace uvc::camera_test {
@@ -61,6 +62,7 @@ TEST(CameraFamilies, SendModeAndRateAfterACommit) {
         {"sim:8102", 0, 333333, {}},
         {"sim:8201", 0, 333333, {"40 21 0001 0001 10", "40 22 0000 0000"}},
         {"sim:8201", 0, 1, {"40 21 0001 0001 10", "40 22 0007 0000"}},
+        {"sim:8201", 0, std::numeric_limits<LONGLONG>::min(), {"40 21 0001 0001 10", "40 22 0007 0000"}},
         {"sim:8201", 1, 166000, {"40 21 0001 0001 10", "40 22 0001 0000"}},
         {"sim:8202", 2, 9999999, {"40 21 0000 0001 10", "40 22 0004 0000"}},
         {"sim:8203", 0, 2000000, {"40 21 0001 0002 10", "40 22 0002 0000"}},

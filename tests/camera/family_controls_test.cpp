@@ -95,6 +95,7 @@ constexpr Item kTrigger{kPrivateImageSet, kExternalTriggerId};
 constexpr Item kSoftware{kPrivateImageSet, kSoftwareTriggerId};
 constexpr Item kSmoothing{kPrivateImageSet, kSmoothingId};
 constexpr Item kGainsEnable{kPrivateImageSet, kGainsEnableId};
+constexpr Item kOffsetX{kPrivateImageSet, kOffsetXId};
 constexpr Item kBinning{kPrivateImageSet, kBinningId};
 
 constexpr Item Matrix(ULONG id) {
@@ -336,6 +337,25 @@ TEST(FamilyControls, TriggerAndFocusReachTheCamera) {
     EXPECT_EQ(plugged.camera.GetControl(4, kFocusId, kControlRange, &range, sizeof(range)), STATUS_SUCCESS);
     EXPECT_EQ(range.resolution, 1);
     EXPECT_EQ(range.maximum, 1000);
+}
+
+// How far the frame can be moved, and where the camera puts it, follow from what is committed and set.
+TEST(FamilyControls, RegionIsWhatTheCameraMadeOfIt) {
+    FamilyControls plugged("sim:8205");
+    EXPECT_EQ(plugged.Get(kOffsetX).maximum, 0); // the whole sensor
+    for (const FormatRecord &record : plugged.camera.formats) {
+        if (record.range.VideoInfoHeader.bmiHeader.biWidth == 640) {
+            ASSERT_EQ(UvcNegotiateStream(plugged.camera, record.range.VideoInfoHeader), STATUS_SUCCESS);
+            break;
+        }
+    }
+    EXPECT_EQ(plugged.Get(kBinning).value, 4);
+    EXPECT_EQ(plugged.Set(kBinning, 1), STATUS_SUCCESS);
+    EXPECT_EQ(plugged.Get(kOffsetX).maximum, 2592 - 640);
+    EXPECT_EQ(plugged.Set(kOffsetX, 101), STATUS_SUCCESS);
+    EXPECT_EQ(plugged.Get(kOffsetX).value, 100);
+    EXPECT_FALSE(NT_SUCCESS(plugged.Set(kBinning, 3)));
+    EXPECT_EQ(plugged.Get(kBinning).value, 1);
 }
 
 TEST(FamilyControls, RegistersAreReadAndWritten) {
