@@ -158,6 +158,7 @@ struct Cast {
     LONG width;
     ULONG mosaic;
     const char *kelvin;
+    bool onePush = false;
 };
 void PrintTo(const Cast &cast, std::ostream *out) {
     *out << cast.camera << " " << cast.kelvin;
@@ -170,6 +171,10 @@ TEST_P(AutoWhiteBalance, TakesTheCastOffAGreyScene) {
     const Cast &cast = GetParam();
     Capture capture(std::string(cast.camera) + ",scene=grey,kelvin=" + cast.kelvin, kRgb, cast.width);
     capture.Set(PROPSETID_PRIVATE_COLORMATRIX, kMatrixEnableId, 0); // gains alone
+    if (cast.onePush) {
+        capture.Set(PROPSETID_VIDCAP_VIDEOPROCAMP, KSPROPERTY_VIDEOPROCAMP_WHITEBALANCE, 0);
+        capture.Set(PROPSETID_PRIVATE_IMAGE, kOnePushWhiteBalanceId, 1);
+    }
     capture.Run();
     capture.Watch(1);
     const auto spread = [](const std::array<double, 3> &means) {
@@ -212,6 +217,7 @@ TEST_P(AutoWhiteBalance, TakesTheCastOffAGreyScene) {
 INSTANTIATE_TEST_SUITE_P(Automatics, AutoWhiteBalance,
                          testing::Values(Cast{"sim:8201", 320, imaging::kFourCcBayerBg, "2800"},
                                          Cast{"sim:8201", 320, imaging::kFourCcBayerBg, "9000"},
+                                         Cast{"sim:8201", 320, imaging::kFourCcBayerBg, "3500", true},
                                          Cast{"sim:8102", 640, imaging::kFourCcBayerRg, "2800"},
                                          Cast{"sim:8102", 640, imaging::kFourCcBayerRg, "9000"}),
                          [](const auto &info) {
