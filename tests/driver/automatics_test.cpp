@@ -144,7 +144,7 @@ TEST(AutoExposureLimits, GainTakesOverAtTheLimit) {
 
     // What an application sets stays, and the other automatic goes on.
     capture.Set(PROPSETID_VIDCAP_VIDEOPROCAMP, KSPROPERTY_VIDEOPROCAMP_GAIN, 64);
-    capture.Set(PROPSETID_PRIVATE_IMAGE, kCameraExposureId, 300);
+    capture.Set(PROPSETID_PRIVATE_IMAGE, kCameraExposureId, 200);
     capture.TakeSets(kTerminal, 4);
     capture.Watch(40);
     EXPECT_EQ(capture.TakeSets(kTerminal, 4), std::vector<LONG>{});
@@ -174,6 +174,9 @@ TEST_P(AutoWhiteBalance, TakesTheCastOffAGreyScene) {
     if (cast.onePush) {
         capture.Set(PROPSETID_VIDCAP_VIDEOPROCAMP, KSPROPERTY_VIDEOPROCAMP_WHITEBALANCE, 0);
         capture.Set(PROPSETID_PRIVATE_IMAGE, kOnePushWhiteBalanceId, 1);
+        // Once it is done nothing follows a brightness that goes on changing.
+        capture.Set(PROPSETID_PRIVATE_IMAGE, kCameraExposureId, 200);
+        capture.Set(PROPSETID_VIDCAP_VIDEOPROCAMP, KSPROPERTY_VIDEOPROCAMP_GAIN, 64);
     }
     capture.Run();
     capture.Watch(1);
@@ -217,11 +220,12 @@ TEST_P(AutoWhiteBalance, TakesTheCastOffAGreyScene) {
 INSTANTIATE_TEST_SUITE_P(Automatics, AutoWhiteBalance,
                          testing::Values(Cast{"sim:8201", 320, imaging::kFourCcBayerBg, "2800"},
                                          Cast{"sim:8201", 320, imaging::kFourCcBayerBg, "9000"},
-                                         Cast{"sim:8201", 320, imaging::kFourCcBayerBg, "3500", true},
+                                         Cast{"sim:8201", 320, imaging::kFourCcBayerBg, "2800", true},
                                          Cast{"sim:8102", 640, imaging::kFourCcBayerRg, "2800"},
                                          Cast{"sim:8102", 640, imaging::kFourCcBayerRg, "9000"}),
                          [](const auto &info) {
-                             return std::string(info.param.camera + 4) + "At" + info.param.kelvin;
+                             return std::string(info.param.camera + 4) + "At" + info.param.kelvin +
+                                    (info.param.onePush ? "OnePush" : "");
                          });
 
 struct FocusCase {
