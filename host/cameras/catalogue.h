@@ -16,10 +16,11 @@
 //   light=FACTOR    brightness of the scene (default 1)
 //   kelvin=K        colour temperature of the light, 1500 to 15000 (default 5500: neutral)
 //   sharp=POSITION  focus position at which the scene is sharp (default 500)
-//   scene=SCENE     chart (default), flat (a grey of 128 all over), grey (the chart without its colours), or a PNG's
-//   path store=STORE     the user-data store: empty, corrupt (lists with a wrong checksum) or a file with its first
-//   bytes stall=E:S       control S of entity E (1 camera terminal, 2 processing unit, 3 extension unit) stalls
-//   GET_INFO and
+//   scene=SCENE     chart (default), flat (a grey of 128 all over), grey (the chart without its colours), or the path
+//                   of a PNG
+//   store=STORE     the user-data store: empty, corrupt (lists with a wrong checksum), or the path of a file with its
+//                   first bytes
+//   stall=E:S       control S of entity E (1 camera terminal, 2 processing unit, 3 extension unit) stalls GET_INFO and
 //                   GET_CUR; may be given for several
 #pragma once
 

@@ -52,7 +52,7 @@ constexpr CameraControl kProcessingControls[] = {
 };
 
 // docs/camera-protocol.md: the unit of families A and B, then that of family C, whose offsets have ranges that follow
-// the frame.
+// the frame, and that of its cameras which bin as the frame size says.
 constexpr CameraControl kExtensionControls[] = {
     Switch(1), // exposure automatic
     Switch(2), // gain automatic
@@ -83,6 +83,7 @@ constexpr CameraControl Binning(std::uint8_t selector) {
 }
 
 constexpr CameraControl kRegionControls[] = {Offset(1), Offset(2), Binning(3)};
+constexpr CameraControl kFixedRegionControls[] = {ReadOnly(Binning(3))};
 
 // On families A to C a gain of 64 is a factor of 1, and there is none below.
 constexpr CameraControl kIndustrialGain = Ranged(4, 2, 64, 1023, 64);
@@ -112,8 +113,10 @@ const CameraControl *FindTemplate(EntityKind kind, std::uint8_t selector, const 
         table = kTerminalControls;
     else if (kind == EntityKind::ProcessingUnit)
         table = kProcessingControls;
-    else if (model.family == Family::C)
+    else if (model.family == Family::C && model.regionOfInterest)
         table = kRegionControls;
+    else if (model.family == Family::C)
+        table = kFixedRegionControls;
     for (const CameraControl &control : table)
         if (control.selector == selector)
             return &control;

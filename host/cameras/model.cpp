@@ -1,5 +1,8 @@
 #include "host/cameras/model.h"
 
+#include "host/cameras/region.h"
+
+#include <algorithm>
 #include <array>
 
 namespace host::cameras {
@@ -73,7 +76,7 @@ constexpr std::uint32_t kExtension = Selectors({1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 1
 
 // Offsets and binning of family C.
 constexpr std::uint32_t kOffsets = Selectors({1, 2});
-constexpr std::uint32_t kOffsetsBinning = Selectors({1, 2, 3});
+constexpr std::uint32_t kBinning = Selectors({3});
 
 // Where a model differs from the ranges in control_store.cpp. Cameras in the field have fixed irises that only tell
 // where they are, and firmware that forgot about an attribute or gives it wrongly.
@@ -180,6 +183,7 @@ constexpr std::array<Model, 10> kModels{{
      .userData = true,
      .terminalControls = kExposureTrigger,
      .processingControls = kGain,
+     .extensionControls = kBinning,
      .formats = kC1ColourFormats,
      .payloadSize = 49152},
     {.name = "8202",
@@ -199,6 +203,7 @@ constexpr std::array<Model, 10> kModels{{
      .userData = true,
      .terminalControls = kExposureTrigger,
      .processingControls = kGain,
+     .extensionControls = kBinning,
      .formats = kC1GreyFormats},
     {.name = "8203",
      .vendorId = kVendorId,
@@ -217,6 +222,7 @@ constexpr std::array<Model, 10> kModels{{
      .userData = true,
      .terminalControls = kExposureTrigger,
      .processingControls = kGain,
+     .extensionControls = kBinning,
      .controls = k8203Controls,
      .formats = kC2Formats,
      .payloadSize = 262144},
@@ -257,7 +263,7 @@ constexpr std::array<Model, 10> kModels{{
      .userData = true,
      .terminalControls = kExposureFocusTrigger,
      .processingControls = kGain,
-     .extensionControls = kOffsetsBinning,
+     .extensionControls = kOffsets | kBinning,
      .formats = kC4Formats,
      .payloadSize = 524288},
     {.name = "8206",
@@ -277,6 +283,7 @@ constexpr std::array<Model, 10> kModels{{
      .userData = true,
      .terminalControls = kExposureTrigger,
      .processingControls = kGain,
+     .extensionControls = kBinning,
      .controls = k8206Controls,
      .formats = kC5Formats},
     {.name = "8207",
@@ -299,6 +306,26 @@ constexpr std::array<Model, 10> kModels{{
      .formats = kC6Formats,
      .payloadSize = 131072},
 }};
+
+// The host of a family C camera knows where a frame lies by the extension unit alone: the unit has a control for all
+// that can vary, and a camera without offsets shows the whole sensor in every frame.
+constexpr bool TellsWhereFramesLie(const Model &model) {
+    if (model.family != Family::C)
+        return true;
+    if (model.extensionControls != ((model.regionOfInterest ? kOffsets : 0) | (model.binning ? kBinning : 0)))
+        return false;
+    const Extent sensor{model.sensorWidth, model.sensorHeight};
+    for (const FormatModel &format : model.formats) {
+        for (const FrameModel &frame : format.frames) {
+            const Extent size{frame.width, frame.height};
+            const std::uint32_t binning = LargestBinning(sensor, size, model.binning ? 4 : 1);
+            if (!model.regionOfInterest && sensor != Extent{size.width * binning, size.height * binning})
+                return false;
+        }
+    }
+    return true;
+}
+static_assert(std::all_of(kModels.begin(), kModels.end(), TellsWhereFramesLie));
 
 } // namespace
 

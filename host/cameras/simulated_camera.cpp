@@ -105,7 +105,7 @@ Ticks SimulatedCamera::Interval() const {
     return interval != 0 ? interval : kFallbackInterval;
 }
 
-// Where a frame of that size lies on the sensor when nobody asks for something else: as finely binned as it can be. The
+// Where a frame of that size lies on the sensor when nobody asks for something else: binned as far as it can be. The
 // offsets stay as the host set them as far as the sensor goes; a camera without offsets shows its middle.
 Region SimulatedCamera::UsualRegion(Extent frame) const {
     const Extent sensor = sensor_.Size();

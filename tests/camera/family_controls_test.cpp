@@ -144,6 +144,8 @@ TEST(FamilyControls, AnswerTheirDefaults) {
         {"sim:8201", kGainsEnable, {1, 2, 2, 0, 1, 1}},
         {"sim:8205", kFocus, {500, 2, 2, 0, 1000, 500}},
         {"sim:8205", kAutofocus, {0, 2, 2, 0, 1, 0}},
+        {"sim:8201", kBinning, {2, 2, 2, 1, 4, 1}}, // of the frame that the camera starts with
+        {"sim:8205", kBinning, {1, 2, 2, 1, 4, 1}},
     };
     for (const Case &test : cases) {
         SCOPED_TRACE(testing::Message() << test.text << " " << test.item);
@@ -160,25 +162,16 @@ TEST(FamilyControls, AreNotThereWithoutWhatTheyDrive) {
         bool exists;
     };
     const Case cases[] = {
-        {"sim:8202", kBalance, false},
-        {"sim:8202", kRed, false},
-        {"sim:8202", kOnePush, false},
-        {"sim:8202", Matrix(0), true},
-        {"sim:8202", Matrix(9), true},
-        {"sim:8202", Matrix(11), true},
-        {"sim:8202", Matrix(12), true},
-        {"sim:8201", kFocus, true},
-        {"sim:8201", kAutofocus, true},
-        {"sim:8201", kBinning, false},
-        {"sim:8207", kBinning, false},
-        {"sim:8203", {5, 214}, false},
-        {"sim:8102", Matrix(32), false},
-        {"sim:8102", kReference, true},
-        {"sim:8201", Matrix(13), false},
-        {"sim:8201", {5, 203}, false},
-        {"sim:8201,stall=1:4", kExposureUnits, false},
-        {"sim:8201,stall=2:4", kGain, false},
-        {"sim:8201,stall=1:17", kTrigger, false},
+        {"sim:8202", kBalance, false},        {"sim:8202", kRed, false},
+        {"sim:8202", kOnePush, false},        {"sim:8202", Matrix(0), true},
+        {"sim:8202", Matrix(9), true},        {"sim:8202", Matrix(11), true},
+        {"sim:8202", Matrix(12), true},       {"sim:8201", kFocus, true},
+        {"sim:8201", kAutofocus, true},       {"sim:8204", kBinning, false},
+        {"sim:8207", kBinning, false},        {"sim:8201", kOffsetX, false},
+        {"sim:8203", {5, 214}, false},        {"sim:8102", Matrix(32), false},
+        {"sim:8102", kReference, true},       {"sim:8201", Matrix(13), false},
+        {"sim:8201", {5, 203}, false},        {"sim:8201,stall=1:4", kExposureUnits, false},
+        {"sim:8201,stall=2:4", kGain, false}, {"sim:8201,stall=1:17", kTrigger, false},
     };
     for (const Case &test : cases) {
         SCOPED_TRACE(testing::Message() << test.text << " " << test.item);

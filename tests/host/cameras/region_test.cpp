@@ -62,7 +62,29 @@ TEST(Region, TakesOffsetsAndBinningThatFit) {
     ASSERT_TRUE(Configure(*camera));
     for (std::uint32_t wrong : {0u, 3u, 5u, 8u})
         EXPECT_FALSE(SetValue(*camera, 3, wrong)) << wrong;
-    EXPECT_FALSE(Get(*Make("sim:8201"), 0xA1, 0x81, 0x0100, 0x0300, 2)) << "no such unit";
+    EXPECT_FALSE(Get(*Make("sim:8204"), 0xA1, 0x81, 0x0300, 0x0300, 1)) << "no such unit";
+}
+
+// A camera without offsets only tells its binning: that of the frame committed last.
+TEST(Region, TellsWhatTheFrameSizeDecides) {
+    const struct {
+        const char *name;
+        std::vector<std::uint32_t> binnings; // by frame index
+    } kRows[] = {{"sim:8201", {2, 4, 1}}, {"sim:8202", {2, 4, 1}}, {"sim:8203", {1, 2}}, {"sim:8206", {1, 2}}};
+    for (const auto &row : kRows) {
+        const auto camera = Make(row.name);
+        ASSERT_TRUE(Configure(*camera));
+        EXPECT_EQ(Value(*camera, 3), row.binnings[0]) << row.name;
+        EXPECT_EQ(Value(*camera, 3, 0x86), 1u) << "no bit for SET_CUR";
+        for (std::uint8_t offset : {1, 2})
+            EXPECT_FALSE(Get(*camera, 0xA1, 0x81, static_cast<std::uint16_t>(offset << 8), 0x0300, 2)) << row.name;
+        for (std::size_t frame = row.binnings.size(); frame > 0; --frame) {
+            ASSERT_TRUE(Commit(*camera, 1, static_cast<std::uint8_t>(frame), 0));
+            for (std::uint32_t binning : {1u, 2u, 4u})
+                EXPECT_FALSE(SetValue(*camera, 3, binning)) << row.name << " " << binning;
+            EXPECT_EQ(Value(*camera, 3), row.binnings[frame - 1]) << row.name << " " << frame;
+        }
+    }
 }
 
 TEST(Region, OutlivesOnlyACommitThatLeavesItRoom) {
