@@ -3,6 +3,7 @@
 #include "apps/uvcam/exit_code.h"
 
 #include <charconv>
+#include <cstdio>
 
 namespace uvcam {
 
@@ -26,12 +27,10 @@ std::optional<LONG> ParseNumber(std::string_view text) {
     if (hexadecimal)
         text.remove_prefix(2);
     LONG value = 0;
-    ULONG bits = 0; // a register's bit 31 is no sign
-    const auto [end, error] = hexadecimal ? std::from_chars(text.data(), text.data() + text.size(), bits, 16)
-                                          : std::from_chars(text.data(), text.data() + text.size(), value);
-    if (error != std::errc() || end != text.data() + text.size())
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, hexadecimal ? 16 : 10);
+    if (error != std::errc() || end != text.data() + text.size() || (hexadecimal && text.starts_with('-')))
         return {};
-    return hexadecimal ? static_cast<LONG>(bits) : value;
+    return value;
 }
 
 Assignment ParseAssignment(const std::string &text) {
@@ -60,7 +59,7 @@ Assignment ParseAssignment(const std::string &text) {
                   session.Name() + " does not have " + row.name + "; see `uvcam controls " + session.Name() + "`");
 }
 
-void Check(Session &session, const Assignment &assignment) {
+void CheckOne(Session &session, const Assignment &assignment) {
     const ControlRow &row = *assignment.row;
     const std::optional<CameraControl> control = ReadControl(session, row);
     if (!control)
@@ -100,6 +99,32 @@ ControlSetting SettingOf(const Assignment &assignment, const CameraControl &cont
     default:
         return {.value = assignment.value, .flags = kControlManual};
     }
+}
+
+std::string TextOf(const ControlRow &row, LONG value) {
+    if (IsSwitch(row) && (value == 0 || value == 1))
+        return value != 0 ? "on" : "off";
+    return std::to_string(value);
+}
+
+// What an action leaves behind is its own affair, and what cannot be read is believed.
+bool IsAsAsked(const Assignment &assignment, const CameraControl &control) {
+    const ControlKind kind = assignment.row->kind;
+    if (!NT_SUCCESS(control.status) || kind == ControlKind::Action || kind == ControlKind::Pulse)
+        return true;
+    if (assignment.mode != Assignment::Value)
+        return control.IsAutomatic() == (assignment.mode == Assignment::Automatic);
+    return control.Value().value_or(assignment.value) == assignment.value;
+}
+
+void TellDifference(const Assignment &assignment, const CameraControl &control) {
+    if (IsAsAsked(assignment, control))
+        return;
+    const bool isValue = assignment.mode == Assignment::Value;
+    const bool isAutomatic = control.IsAutomatic();
+    const std::string is = isValue ? ValueText(control) : isAutomatic ? "auto" : "manual";
+    const std::string wish = isValue ? TextOf(*assignment.row, assignment.value) : isAutomatic ? "manual" : "auto";
+    std::fprintf(stderr, "uvcam: %s is %s, not %s\n", assignment.row->name, is.c_str(), wish.c_str());
 }
 
 } // namespace
@@ -144,9 +169,7 @@ std::string ValueText(const CameraControl &control) {
     const std::optional<LONG> value = control.Value();
     if (!value)
         return control.HasNoValue() ? "-" : "?";
-    if (IsSwitch(*control.row) && (*value == 0 || *value == 1))
-        return *value != 0 ? "on" : "off";
-    return std::to_string(*value);
+    return TextOf(*control.row, *value);
 }
 
 std::string TextOf(const CameraControl &control) {
@@ -163,10 +186,13 @@ std::vector<Assignment> ParseAssignments(const std::vector<std::string> &texts) 
     return assignments;
 }
 
+void Check(Session &session, const std::vector<Assignment> &assignments) {
+    for (const Assignment &assignment : assignments)
+        CheckOne(session, assignment);
+}
+
 void Apply(Session &session, const std::vector<Assignment> &assignments,
            const std::function<void(const CameraControl &)> &onSet) {
-    for (const Assignment &assignment : assignments)
-        Check(session, assignment);
     for (const Assignment &assignment : assignments) {
         const ControlRow &row = *assignment.row;
         std::optional<CameraControl> control = ReadControl(session, row);
@@ -176,7 +202,10 @@ void Apply(Session &session, const std::vector<Assignment> &assignments,
         session.Require(SetControl(session.Filter(), row.control, SettingOf(assignment, *control)),
                         std::string("cannot set ") + row.name + (isLast ? "" : ", nor what comes after it"));
         control = ReadControl(session, row);
-        if (control && onSet)
+        if (!control)
+            continue;
+        TellDifference(assignment, *control);
+        if (onSet)
             onSet(*control);
     }
 }

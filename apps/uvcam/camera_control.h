@@ -46,8 +46,11 @@ struct Assignment {
 // Throws Failure (Usage) for an unknown name or a value that makes no sense.
 std::vector<Assignment> ParseAssignments(const std::vector<std::string> &texts);
 
-// Checks all of them against the camera and then sets one after the other. The first failure, thrown, ends that: what
-// comes behind it is not set. `onSet` is called with every control, read back.
+// Throws Failure for the first that the camera has no place for. Sends nothing.
+void Check(Session &session, const std::vector<Assignment> &assignments);
+
+// Sets one after the other. The first failure, thrown, ends that: what comes behind it is not set. A control that is
+// something else afterwards gets a line on stderr. `onSet` is called with every control, read back.
 void Apply(Session &session, const std::vector<Assignment> &assignments,
            const std::function<void(const CameraControl &)> &onSet = {});
 

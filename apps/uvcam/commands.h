@@ -76,7 +76,6 @@ struct MonitorOptions {
     std::string scene;
     bool freeRun = false;
     std::string settings;
-    std::vector<std::string> assignments; // set before the stream starts
     bool json = false;
 };
 void Monitor(const MonitorOptions &options);

@@ -24,11 +24,18 @@ constexpr const char *kPixels = "px";
 
 constexpr ControlRow VideoProcAmp(const char *name, ULONG id, const char *unit = "",
                                   ControlKind kind = ControlKind::Number) {
-    return {.name = name, .control = {kVideoProcAmpSet, id}, .kind = kind, .unit = unit};
+    return {.name = name,
+            .control = {kVideoProcAmpSet, id},
+            .kind = kind,
+            .unit = unit,
+            .kept = id <= KSPROPERTY_VIDEOPROCAMP_GAIN};
 }
 
 constexpr ControlRow Camera(const char *name, ULONG id, const char *unit = "") {
-    return {.name = name, .control = {kCameraControlSet, id}, .unit = unit};
+    return {.name = name,
+            .control = {kCameraControlSet, id},
+            .unit = unit,
+            .kept = id <= KSPROPERTY_CAMERACONTROL_FOCUS && id != KSPROPERTY_CAMERACONTROL_EXPOSURE};
 }
 
 constexpr ControlRow Image(const char *name, ULONG id, const char *unit = "", ControlKind kind = ControlKind::Number,
@@ -40,13 +47,34 @@ constexpr ControlRow Image(const char *name, ULONG id, const char *unit = "", Co
             .inactive = {inactive, alsoInactive}};
 }
 
+constexpr ControlRow Kept(ControlRow row) {
+    row.kept = true;
+    return row;
+}
+
+constexpr ControlRow InDriver(ControlRow row) {
+    row.inDriver = true;
+    return row;
+}
+
+constexpr ControlRow StreamOnly(ControlRow row) {
+    row.streamOnly = true;
+    return row;
+}
+
 constexpr ControlRow RegisterOfPair(const char *name, ULONG part) {
     return {.name = name, .control = {kPrivateImageSet, 125, part}};
 }
 
 constexpr ControlRow Matrix(const char *name, ULONG id, const char *unit = "", ControlKind kind = ControlKind::Number,
                             Inactivity inactive = {}) {
-    return {.name = name, .control = {kColourMatrixSet, id}, .kind = kind, .unit = unit, .inactive = {inactive}};
+    return {.name = name,
+            .control = {kColourMatrixSet, id},
+            .kind = kind,
+            .unit = unit,
+            .inactive = {inactive},
+            .kept = id <= 10,
+            .inDriver = true};
 }
 
 // Units are those of UVC 1.1. Gain, zoom and focus have none there that our cameras keep to.
@@ -83,24 +111,28 @@ constexpr ControlRow kRows[] = {
     Camera("FocusRelative", KSPROPERTY_CAMERACONTROL_FOCUS_RELATIVE),
 
     // The registry keeps 101, the gain of blue, under "WhiteBalance Green" as well; people get what the names say.
-    Image("WhiteBalance Blue", 101, "", ControlKind::Number, kBalanced),
-    Image("WhiteBalance Red", 102, "", ControlKind::Number, kBalanced),
-    Image("WhiteBalance Green", 206, "", ControlKind::Number, kBalanced),
+    Kept(Image("WhiteBalance Blue", 101, "", ControlKind::Number, kBalanced)),
+    Kept(Image("WhiteBalance Red", 102, "", ControlKind::Number, kBalanced)),
+    InDriver(Image("WhiteBalance Green", 206, "", ControlKind::Number, kBalanced)),
     {.name = "WhiteBalanceOnePush", .control = {kPrivateImageSet, 107}, .kind = ControlKind::Action, .writeOnly = true},
-    Image("WhiteBalanceGainsEnable", 212, "", ControlKind::Switch),
-    Image("AutoExposureReference", 106),
-    Image("AutoExposureMaxValue", 201, kExposureUnit, ControlKind::Number,
-          {.other = "AutoExposureMaxValueAuto", .state = Inactivity::On},
-          {.other = "Exposure", .state = Inactivity::Manual}),
-    Image("AutoExposureMaxValueAuto", 202, "", ControlKind::Switch),
-    {.name = "Exposure", .control = {kPrivateImageSet, 109}, .unit = kExposureUnit, .twin = "ExposureLog2"},
+    InDriver(Image("WhiteBalanceGainsEnable", 212, "", ControlKind::Switch)),
+    Kept(Image("AutoExposureReference", 106)),
+    Kept(Image("AutoExposureMaxValue", 201, kExposureUnit, ControlKind::Number,
+               {.other = "AutoExposureMaxValueAuto", .state = Inactivity::On},
+               {.other = "Exposure", .state = Inactivity::Manual})),
+    Kept(Image("AutoExposureMaxValueAuto", 202, "", ControlKind::Switch)),
+    {.name = "Exposure",
+     .control = {kPrivateImageSet, 109},
+     .unit = kExposureUnit,
+     .twin = "ExposureLog2",
+     .kept = true},
     Image("ExternalTrigger", 115, "", ControlKind::Trigger),
     Image("SoftwareTrigger", 213, "", ControlKind::Pulse, {.other = "ExternalTrigger", .state = Inactivity::Off}),
     Image("FocusOnePush", 124, "", ControlKind::Action),
-    Image("HorizontalOffset", 118, kPixels),
-    Image("VerticalOffset", 119, kPixels),
-    Image("Binning", 211),
-    Image("GreenSmoothing", 210, "", ControlKind::Switch),
+    StreamOnly(Image("HorizontalOffset", 118, kPixels)),
+    StreamOnly(Image("VerticalOffset", 119, kPixels)),
+    StreamOnly(Image("Binning", 211)),
+    InDriver(Image("GreenSmoothing", 210, "", ControlKind::Switch)),
     Image("GeneralRegister", 122),
     RegisterOfPair("GeneralRegister1", 0),
     RegisterOfPair("GeneralRegister2", 1),
@@ -132,6 +164,8 @@ constexpr ControlRow kRows[] = {
 };
 // All items of the four sets but the three lists of defective pixels (33 to 35 of the colour matrix); 125 has two rows.
 static_assert(std::size(kRows) == 13 + 16 + 28 + 1 + 17 - 3);
+// The registry has 34 names, two of them for 101.
+static_assert(std::ranges::count(kRows, true, &ControlRow::kept) == 34 - 1);
 
 std::string Plain(std::string_view name) {
     std::string plain;

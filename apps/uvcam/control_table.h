@@ -32,6 +32,12 @@ struct ControlRow {
     Inactivity inactive[2] = {};
     const char *twin = "";  // the same in another unit, which tells whether there is an automatic where this does not
     bool writeOnly = false; // on some cameras; elsewhere what cannot be read is not there
+    // In force again in the next run: the driver keeps the settings of its registry table, and no others.
+    bool kept = false;
+    // The driver's own, whatever the camera: the others live in the camera, which may refuse to have them set.
+    bool inDriver = false;
+    // Given up by the camera when a stream starts.
+    bool streamOnly = false;
 };
 
 // In the order of the property sets.

@@ -26,6 +26,11 @@ Json JsonOf(const std::optional<LONG> &number) {
     return number ? Json(*number) : Json();
 }
 
+// The driver reports that it sets whatever a camera has. Only of what is its own is that known to be true.
+Json ReadOnlyJson(const CameraControl &control) {
+    return control.IsReadOnly() ? Json(true) : control.row->inDriver ? Json(false) : Json();
+}
+
 Json JsonOf(const CameraControl &control) {
     const ControlRow &row = *control.row;
     return {{"name", row.name},
@@ -37,7 +42,7 @@ Json JsonOf(const CameraControl &control) {
             {"step", JsonOf(control.range.step)},
             {"default", JsonOf(control.range.defaultValue)},
             {"auto", NT_SUCCESS(control.status) ? Json(control.IsAutomatic()) : Json()},
-            {"readonly", control.IsReadOnly()},
+            {"readonly", ReadOnlyJson(control)},
             {"unit", *row.unit != '\0' && !control.HasNoValue() ? Json(row.unit) : Json()}};
 }
 
@@ -87,13 +92,15 @@ std::string RangeText(const host::client::ControlRange &range) {
     std::string text;
     if (range.minimum && range.maximum)
         text = std::to_string(*range.minimum) + " to " + std::to_string(*range.maximum);
-    if (range.step && *range.step != 1)
-        text += " step " + std::to_string(*range.step);
     return text;
 }
 
-void PrintRow(const std::string &name, const std::string &value, const std::string &range, const std::string &initial,
-              const std::string &mode, const std::string &note) {
+std::string TextOf(const std::optional<LONG> &number) {
+    return number ? std::to_string(*number) : "";
+}
+
+void PrintRow(const std::string &name, const std::string &value, const std::string &range, const std::string &step,
+              const std::string &initial, const std::string &mode, const std::string &note) {
     std::string line;
     const auto add = [&line](const std::string &text, std::size_t width) {
         line += text + std::string(width > text.size() ? width - text.size() : 0, ' ') + "  ";
@@ -101,6 +108,7 @@ void PrintRow(const std::string &name, const std::string &value, const std::stri
     add(name, 24);
     add(value, 16);
     add(range, 20);
+    add(step, 4);
     add(initial, 8);
     add(mode, 6);
     line += note;
@@ -115,9 +123,8 @@ std::string WithUnit(const CameraControl &control) {
 }
 
 void Print(const CameraControl &control, const std::vector<CameraControl> &controls) {
-    const auto &initial = control.range.defaultValue;
-    PrintRow(control.row->name, WithUnit(control), RangeText(control.range), initial ? std::to_string(*initial) : "",
-             ModeOf(control), NoteOf(control, controls));
+    PrintRow(control.row->name, WithUnit(control), RangeText(control.range), TextOf(control.range.step),
+             TextOf(control.range.defaultValue), ModeOf(control), NoteOf(control, controls));
 }
 
 } // namespace
@@ -132,7 +139,7 @@ void Controls(const ControlsOptions &options) {
         std::printf("%s\n", all.dump(2).c_str());
         return;
     }
-    PrintRow("name", "value", "range", "default", "mode", "");
+    PrintRow("name", "value", "range", "step", "default", "mode", "");
     for (const CameraControl &control : controls)
         Print(control, controls);
 }
@@ -152,7 +159,13 @@ void Get(const GetOptions &options) {
 void Set(const SetOptions &options) {
     const std::vector<Assignment> assignments = ParseAssignments(options.assignments);
     Session session({.camera = options.camera, .settings = options.settings});
-    Apply(session, assignments, [](const CameraControl &control) { std::printf("%s\n", TextOf(control).c_str()); });
+    Check(session, assignments);
+    Apply(session, assignments, [](const CameraControl &control) {
+        std::printf("%s\n", TextOf(control).c_str());
+        if (!control.row->kept)
+            std::fprintf(stderr, "uvcam: %s is not kept for the next run; capture and monitor take it with --set\n",
+                         control.row->name);
+    });
 }
 
 } // namespace uvcam

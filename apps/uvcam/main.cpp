@@ -14,6 +14,7 @@ using namespace uvcam;
 
 constexpr const char *kSettingsHelp =
     "file that keeps the settings between runs (default: uvcam/settings.json in XDG_STATE_HOME or ~/.local/state)";
+constexpr const char *kAssignmentHelp = "NAME=VALUE, NAME=auto, NAME=manual, NAME=on or NAME=off";
 constexpr const char *kCameraHelp = "sim:NAME[,option=value...] or file:DEVICE.bin,CONFIG.bin; see `uvcam list`";
 
 // "640x480"; throws what CLI11 reports as a usage error.
@@ -64,10 +65,13 @@ void AddStream(CLI::App &command, StreamOptions &options) {
         "--size", [&options](const std::string &text) { options.size = ParseSize(text); },
         "WIDTHxHEIGHT (default: the format's first)");
     command.add_option("--fps", options.framesPerSecond, "frames per second")->check(CLI::Range(0.01, 10000.0));
+    command.add_option_function<std::vector<std::string>>(
+        "--set", [&options](const std::vector<std::string> &texts) { options.settings = ParseAssignments(texts); },
+        std::string("before the first frame: ") + kAssignmentHelp);
 }
 
 void AddControls(CLI::App &app, ControlsOptions &options) {
-    CLI::App *controls = app.add_subcommand("controls", "every control: value, range, default, mode");
+    CLI::App *controls = app.add_subcommand("controls", "every control: value, range, step, default, mode");
     controls->add_option("camera", options.camera, kCameraHelp)->required();
     controls->add_option("--settings", options.settings, kSettingsHelp);
     controls->add_flag("--json", options.json, "as JSON");
@@ -81,8 +85,6 @@ void AddGet(CLI::App &app, GetOptions &options) {
     get->add_option("--settings", options.settings, kSettingsHelp);
     get->final_callback([&options] { Get(options); });
 }
-
-constexpr const char *kAssignmentHelp = "NAME=VALUE, NAME=auto, NAME=manual, NAME=on or NAME=off";
 
 void AddSet(CLI::App &app, SetOptions &options) {
     CLI::App *set = app.add_subcommand("set", "set controls, one after the other, and print what they then are");
@@ -108,7 +110,6 @@ void AddMonitor(CLI::App &app, MonitorOptions &options) {
         ->check(CLI::Range(1u, 1000000000u));
     monitor->add_option("--scene", options.scene, "a PNG for a simulated camera to look at");
     monitor->add_flag("--free-run", options.freeRun, "as fast as frames are taken, not at the frame rate");
-    monitor->add_option("--set", options.assignments, std::string("before the stream starts: ") + kAssignmentHelp);
     monitor->add_option("--settings", options.settings, kSettingsHelp);
     monitor->add_flag("--json", options.json, "one JSON object a line");
     monitor->final_callback([&options] { Monitor(options); });

@@ -88,13 +88,11 @@ void Print(const Json &frame) {
 } // namespace
 
 void Monitor(const MonitorOptions &options) {
-    const std::vector<Assignment> assignments = ParseAssignments(options.assignments);
     Session session(
         {.camera = options.camera, .scene = options.scene, .settings = options.settings, .freeRun = options.freeRun});
-    Apply(session, assignments);
+    Stream stream(session, ChooseFormat(session, options.stream));
     const Watched exposure(session, "Exposure"), gain(session, "Gain"), red(session, "WhiteBalance Red"),
         green(session, "WhiteBalance Green"), blue(session, "WhiteBalance Blue"), focus(session, "Focus");
-    Stream stream(session, ChooseFormat(session, options.stream));
 
     CatchInterrupts();
     Luminance luminance(stream.Layout());

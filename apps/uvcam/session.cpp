@@ -17,9 +17,10 @@ void PrintDriverText(std::string_view text) {
 
 std::shared_ptr<host::cameras::SimulatedCamera> FindCamera(const SessionOptions &options) {
     std::string reason;
-    auto camera = host::cameras::MakeCamera(options.camera, reason);
+    bool optionsAreWrong = false;
+    auto camera = host::cameras::MakeCamera(options.camera, reason, &optionsAreWrong);
     if (camera == nullptr)
-        throw Failure(ExitCode::NoSuchCamera, reason);
+        throw Failure(optionsAreWrong ? ExitCode::Usage : ExitCode::NoSuchCamera, reason);
     if (!options.scene.empty() && !camera->SetScene(options.scene, reason))
         throw Failure(ExitCode::Failed, reason);
     camera->SetFreeRun(options.freeRun);

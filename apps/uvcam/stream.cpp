@@ -53,11 +53,22 @@ KS_DATARANGE_VIDEO ChooseRange(Session &session, const StreamOptions &options) {
     return *range;
 }
 
+// Those for a camera at rest, and those that it would give up when the stream starts.
+std::pair<std::vector<Assignment>, std::vector<Assignment>> Split(const std::vector<Assignment> &settings) {
+    std::pair<std::vector<Assignment>, std::vector<Assignment>> parts;
+    for (const Assignment &setting : settings)
+        (setting.row->streamOnly ? parts.second : parts.first).push_back(setting);
+    return parts;
+}
+
 } // namespace
 
 Stream::Stream(Session &session, const StreamOptions &options) : session_(session) {
     host::client::Filter &filter = session.Filter();
+    Check(session, options.settings);
+    const auto [early, late] = Split(options.settings);
     const KS_DATARANGE_VIDEO range = ChooseRange(session, options);
+    Apply(session, early);
     std::vector<std::uint8_t> format;
     session.Require(filter.Intersect(kCapturePin, host::client::BytesOf(range), format),
                     "the driver refuses " + Describe(options));
@@ -72,6 +83,18 @@ Stream::Stream(Session &session, const StreamOptions &options) : session_(sessio
     session.Require(pin_.SetState(KSSTATE_PAUSE), "cannot claim " + session.Name());
     QueueFrames(bitmap.biSizeImage);
     session.Require(pin_.SetState(KSSTATE_RUN), "cannot start the stream");
+    if (!late.empty())
+        ApplyWhileRunning(late);
+}
+
+// Until pictures show what is set: as many as may be finished by now, one on its way through the driver, and those that
+// a sensor exposes before it follows.
+void Stream::ApplyWhileRunning(const std::vector<Assignment> &settings) {
+    constexpr std::size_t kOnTheWay = 1;
+    constexpr std::size_t kSensorDelay = 2;
+    Apply(session_, settings);
+    for (std::size_t i = 0; i < frames_.size() + kOnTheWay + kSensorDelay; ++i)
+        Return(Next(0));
 }
 
 void Stream::QueueFrames(std::size_t size) {

@@ -1,6 +1,7 @@
 // The capture pin of an opened camera, running, with frames queued.
 #pragma once
 
+#include "apps/uvcam/camera_control.h"
 #include "apps/uvcam/picture.h"
 #include "apps/uvcam/session.h"
 
@@ -22,11 +23,12 @@ struct StreamOptions {
     std::string format; // empty: the camera's first
     std::optional<Size> size;
     std::optional<double> framesPerSecond;
+    std::vector<Assignment> settings; // in force from the first frame on
 };
 
 class Stream {
   public:
-    // Throws Failure (NotOffered) for a format that the camera does not have.
+    // Throws Failure (NotOffered) for a format that the camera does not have, and that of a setting.
     Stream(Session &session, const StreamOptions &options);
 
     const PixelLayout &Layout() const { return layout_; }
@@ -40,6 +42,7 @@ class Stream {
   private:
     void QueueFrames(std::size_t size);
     void Queue(host::client::Frame &frame);
+    void ApplyWhileRunning(const std::vector<Assignment> &settings);
 
     Session &session_;
     PixelLayout layout_;

@@ -210,22 +210,26 @@ std::vector<CameraListing> ListCameras() {
     return cameras;
 }
 
-std::shared_ptr<SimulatedCamera> MakeCamera(std::string_view text, std::string &reason) {
+std::shared_ptr<SimulatedCamera> MakeCamera(std::string_view text, std::string &reason, bool *optionsAreWrong) {
     const std::vector<std::string_view> parts = Split(text);
     CameraOptions options;
+    const auto readOptions = [&](std::size_t first) {
+        const bool right = ReadOptions(std::span(parts).subspan(first), options, reason);
+        if (optionsAreWrong != nullptr)
+            *optionsAreWrong = !right;
+        return right;
+    };
     if (text.starts_with("sim:")) {
         const Model *model = FindModel(parts[0].substr(4));
         if (model != nullptr)
-            return ReadOptions(std::span(parts).subspan(1), options, reason) ? MakeModel(*model, options, reason)
-                                                                             : nullptr;
+            return readOptions(1) ? MakeModel(*model, options, reason) : nullptr;
     } else if (text.starts_with("file:")) {
         if (parts.size() < 2) {
             reason = "a camera from files is file:DEVICE.bin,CONFIG.bin";
             return nullptr;
         }
         const std::string_view paths[] = {parts[0].substr(5), parts[1]};
-        return ReadOptions(std::span(parts).subspan(2), options, reason) ? MakeFromFiles(paths, options, reason)
-                                                                         : nullptr;
+        return readOptions(2) ? MakeFromFiles(paths, options, reason) : nullptr;
     }
     reason = "no such camera: \"" + std::string(parts[0]) + "\"";
     return nullptr;

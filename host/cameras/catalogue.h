@@ -44,7 +44,9 @@ struct CameraListing {
 std::vector<CameraListing> ListCameras();
 
 // Null and one line in `reason` when there is no such camera or option, or a file does not hold descriptors.
-std::shared_ptr<SimulatedCamera> MakeCamera(std::string_view text, std::string &reason);
+// `optionsAreWrong`, where wanted, tells whether it was an option of a camera that there may be.
+std::shared_ptr<SimulatedCamera> MakeCamera(std::string_view text, std::string &reason,
+                                            bool *optionsAreWrong = nullptr);
 
 // A camera of these descriptors, as file: makes it.
 std::shared_ptr<SimulatedCamera> MakeCamera(std::vector<std::uint8_t> device, std::vector<std::uint8_t> configuration,

@@ -210,8 +210,11 @@ bool ReadRegistryFile(const std::filesystem::path &file, RegistryKey &root, std:
                 key->values.push_back(std::move(value));
             }
         }
-    } catch (const json::exception &error) {
-        reason = error.what();
+    } catch (const json::parse_error &error) {
+        reason = Format("is no JSON from byte %zu on", error.byte);
+        return false;
+    } catch (const json::exception &) {
+        reason = "is JSON, but no registry";
         return false;
     }
     return true;

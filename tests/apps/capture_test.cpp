@@ -179,6 +179,31 @@ TEST_F(CaptureTest, TheOverlayIsDrawnAtTheTop) {
     EXPECT_TRUE(plain.substr(kRows * kWidth) == drawn.substr(kRows * kWidth));
 }
 
+// The camera gives up region and binning when a stream starts; the very first frame shows them all the same.
+TEST_F(CaptureTest, SettingsShowInTheFirstFrame) {
+    const auto capture = [this](const std::string &region) {
+        const Outcome outcome = Run("capture sim:8205 --format BY8 --size 640x480 --free-run --frames 2 --output - "
+                                    "--set Exposure=300 Gain=manual " +
+                                    region);
+        EXPECT_EQ(outcome.code, 0) << outcome.err;
+        EXPECT_EQ(outcome.err.find("uvcam: "), std::string::npos) << outcome.err;
+        EXPECT_EQ(outcome.out.size(), 2u * 640 * 480);
+        EXPECT_TRUE(outcome.out.substr(0, 640 * 480) == outcome.out.substr(640 * 480)) << "the frames are alike";
+        return outcome.out;
+    };
+    const std::string first = capture("Binning=1 HorizontalOffset=400 VerticalOffset=300");
+    const std::string moved = capture("Binning=1 HorizontalOffset=440 VerticalOffset=310");
+    ASSERT_EQ(first.size(), moved.size());
+    for (std::size_t y = 0; y < 470; ++y)
+        ASSERT_TRUE(first.substr((y + 10) * 640 + 40, 600) == moved.substr(y * 640, 600)) << "row " << y;
+    EXPECT_FALSE(first == capture("Binning=2 HorizontalOffset=400 VerticalOffset=300"));
+    EXPECT_EQ(Run("capture sim:8205 --free-run --set Exposure=300 Binning=3 --output @refused.png").code, 1);
+    const Outcome least = Run("monitor sim:8205 --size 640x480 --free-run --frames 1 --set HorizontalOffset=41");
+    EXPECT_EQ(least.err, "uvcam: HorizontalOffset is 32, not 41\n") << "binned by 4 it does not fit";
+    EXPECT_EQ(Run("capture sim:8101 --set Gain=99 Exposure=20001").code, 2);
+    EXPECT_EQ(Run("get sim:8101 Gain").out, "Gain=64\n") << "nothing is half done";
+}
+
 TEST_F(CaptureTest, PacedFramesAreTimedAnIntervalApart) {
     const Outcome outcome = Run("capture sim:8202 --size 320x240 --fps 60 --frames 6 --json");
     ASSERT_EQ(outcome.code, 0) << outcome.err;

@@ -55,11 +55,17 @@ TEST_F(CommandLineTest, SlipsAreToldInOneLine) {
         {"capture sim:8101 --fault usb:3=melt", kUsage, "usb:3"},
         {"capture sim:9999", kNoSuchCamera, "sim:9999"},
         {"formats usb:1", kNoSuchCamera, "usb:1"},
-        {"capture sim:8101,header=3", kNoSuchCamera, "header"},
+        {"capture sim:8101,header=3", kUsage, "header"},
+        {"controls sim:8202,foo=3", kUsage, "foo"},
+        {"controls file:none.bin,none.bin,foo=3", kUsage, "foo"},
+        {"controls sim:9999,foo=3", kNoSuchCamera, "sim:9999"},
         {"capture file:none.bin,none.bin", kNoSuchCamera, "none.bin"},
         {"capture sim:8101 --scene @none.png", kFailed, "none.png"},
         {"capture sim:8101 --settings @none/registry.json", kFailed, "registry.json"},
-        {"capture sim:8101 --settings @broken.json", kFailed, "broken.json"},
+        {"capture sim:8101 --settings @broken.json", kFailed, "broken.json: is no JSON from byte 16 on\n"},
+        {"capture sim:8101 --settings @list.json", kFailed, "list.json: is JSON, but no registry\n"},
+        {"capture sim:8101 --set Exposure", kUsage, "NAME=VALUE"},
+        {"capture sim:9999 --set Gian=1", kUsage, "did you mean Gain?"},
         {"capture sim:8101 --settings @.", kFailed, "folder"},
         {"convert --from B1BG --to RGB3 --size 8x8 @image", kUsage, "OUT"},
         {"convert --from RGB3 --to RGB3 --size 8x8 @image -", kUsage, "--from RGB3"},
@@ -81,6 +87,7 @@ TEST_F(CommandLineTest, SlipsAreToldInOneLine) {
     };
     WriteFile(PathOf("image"), std::string(64, 'x'));
     WriteFile(PathOf("broken.json"), "{\"\\\\Registry\": ");
+    WriteFile(PathOf("list.json"), "[1]");
     for (const Case &c : cases)
         Check(c, false);
 }

@@ -71,7 +71,10 @@ TEST_F(ControlsTest, EveryControlOfEveryCamera) {
                         control["name"] == "GeneralRegister2");
             EXPECT_LE(control["id"], largestId.at(control["set"]));
             EXPECT_NE(text.find("\n" + control["name"].get<std::string>() + " "), std::string::npos);
-            EXPECT_TRUE(control["readonly"].is_boolean());
+            const std::string name = control["name"];
+            const bool isDrivers = control["set"] == "PROPSETID_PRIVATE_COLORMATRIX" || name == "WhiteBalance Green" ||
+                                   name == "GreenSmoothing" || name == "WhiteBalanceGainsEnable";
+            EXPECT_EQ(control["readonly"], isDrivers ? json(false) : json());
             ASSERT_EQ(control["minimum"].is_null(), control["maximum"].is_null());
             if (!control["minimum"].is_null() && !control["value"].is_null()) {
                 EXPECT_LE(control["minimum"], control["maximum"]);
@@ -100,6 +103,8 @@ TEST_F(ControlsTest, RangesModesAndUnits) {
     EXPECT_EQ(exposure["value"], 333);
     EXPECT_EQ(exposure["unit"], "100 us");
     EXPECT_TRUE(exposure["step"].is_null()) << "nobody tells it";
+    EXPECT_EQ(controls.at("ExposureLog2")["step"], 1);
+    EXPECT_NE(Run("controls sim:generic").out.find("range                 step  default"), std::string::npos);
     EXPECT_TRUE(controls.at("Gain")["unit"].is_null());
     EXPECT_EQ(controls.at("ExposureLog2")["set"], "PROPSETID_VIDCAP_CAMERACONTROL");
     EXPECT_FALSE(controls.contains("Pan"));
@@ -150,6 +155,8 @@ TEST_F(ControlsTest, AnErrorLeavesEverythingBehindItAlone) {
         {"set sim:generic Gain=99 Contrast=", kUsage, "whole number"},
         {"set sim:generic Gain=99 Contrast=5x", kUsage, "whole number"},
         {"set sim:generic Gain=99 Contrast=99999999999", kUsage, "whole number"},
+        {"set sim:8101 GeneralRegister=0x80000000", kUsage, "whole number"},
+        {"set sim:8101 GeneralRegister=0x-1", kUsage, "whole number"},
         {"set sim:generic Gain=99 ColorMatrixEnable=perhaps", kUsage, "on or off"},
         {"set sim:generic Gain=99 ExternalTrigger=2", kUsage, "on or off"},
         {"set sim:generic Gain=99 Pan=1", kNotOffered, "Pan"},
@@ -196,6 +203,17 @@ TEST_F(ControlsTest, ALongerExposureMakesABrighterPicture) {
         EXPECT_GT(dark, 5);
         EXPECT_NEAR(bright / dark, 3, 0.1);
     }
+}
+
+TEST_F(ControlsTest, TellsWhatIsNotAsAskedAndWhatIsNotKept) {
+    const Outcome outcome = Run("set sim:8205 Binning=2 Exposure=500 GreenSmoothing=on");
+    EXPECT_EQ(outcome.code, kDone);
+    EXPECT_EQ(outcome.out, "Binning=1\nExposure=500\nGreenSmoothing=on\n");
+    EXPECT_NE(outcome.err.find("uvcam: Binning is 1, not 2\n"), std::string::npos) << outcome.err;
+    EXPECT_NE(outcome.err.find("uvcam: Binning is not kept"), std::string::npos) << outcome.err;
+    EXPECT_EQ(outcome.err.find("Exposure"), std::string::npos) << outcome.err;
+    EXPECT_NE(outcome.err.find("uvcam: GreenSmoothing is not kept"), std::string::npos) << outcome.err;
+    EXPECT_EQ(Get("sim:8205 Binning Exposure GreenSmoothing"), "Binning=1\nExposure=500\nGreenSmoothing=off\n");
 }
 
 // The driver's own automatics and colours.
@@ -315,6 +333,9 @@ TEST_F(ControlsTest, MonitorTellsOneLineAFrame) {
     EXPECT_GT(settled["wb"][2], settled["wb"][1]);
     EXPECT_NEAR(settled["mean"].get<int>(), 128, 10) << settled;
     EXPECT_EQ(Run("monitor sim:8101 --frames 1 --set Gian=1").code, kUsage);
+    const Outcome white = Run("monitor sim:8201,light=100,scene=flat --size 320x240 --free-run --frames 1 --json --set "
+                              "Exposure=manual Gain=manual");
+    EXPECT_EQ(json::parse(white.out)["mean"], 255) << white.err;
     const Outcome text = Run("monitor sim:8202 --size 320x240 --free-run --frames 2");
     EXPECT_EQ(std::count(text.out.begin(), text.out.end(), '\n'), 2) << text.out << text.err;
 }
