@@ -59,7 +59,7 @@ def plot_exposure():
 
 def plot_gain():
     settings = ["Exposure=60", "Exposure=auto", "Gain=64", "Gain=auto"]
-    runs = {"3 times too dark, exposure limit 333": monitor("sim:8202,light=0.33,latency=0", 160, settings)}
+    runs = {"3 times too dark, exposure limit 333": monitor("sim:8202,light=0.33", 160, settings)}
     plot("gain", "Exposure up to its limit, then gain", runs,
          {"mean": lambda frame: frame["mean"], "exposure (100 us)": lambda frame: frame["exposure"],
           "gain (1/64)": lambda frame: frame["gain"]})
