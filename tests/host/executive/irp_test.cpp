@@ -94,27 +94,6 @@ TEST_F(Irps, CompletionRoutineRunsOnlyForWhatItAskedFor) {
 
 constexpr ULONG kBuffered = CTL_CODE(FILE_DEVICE_UNKNOWN, 0x800, METHOD_BUFFERED, FILE_ANY_ACCESS);
 
-TEST_F(Irps, BuiltRequestCopiesSignalsAndFreesItself) {
-    TestDriver driver([](PDEVICE_OBJECT, PIRP irp) -> NTSTATUS {
-        auto *bytes = static_cast<char *>(irp->AssociatedIrp.SystemBuffer);
-        EXPECT_EQ(std::string(bytes, 3), "in ");
-        std::copy_n("out!", 4, bytes);
-        IoMarkIrpPending(irp);
-        Complete(irp, STATUS_SUCCESS, 4);
-        return STATUS_PENDING;
-    });
-    KEVENT event;
-    KeInitializeEvent(&event, NotificationEvent, FALSE);
-    IO_STATUS_BLOCK ioStatus{};
-    char in[] = "in ", out[8] = "-------";
-    const PIRP irp = IoBuildDeviceIoControlRequest(kBuffered, driver.Device(), in, 3, out, 7, FALSE, &event, &ioStatus);
-    ASSERT_NE(irp, nullptr);
-    EXPECT_EQ(IoCallDriver(driver.Device(), irp), STATUS_PENDING);
-    EXPECT_EQ(WaitFor(&event, 0), STATUS_SUCCESS);
-    EXPECT_EQ(ioStatus.Information, 4u);
-    EXPECT_STREQ(out, "out!---"); // no byte beyond Information
-}
-
 // As on Windows: who ignores the returned status and waits, waits for ever.
 TEST_F(Irps, BuiltRequestThatFailsAtOnceLeavesEventAndStatusBlockAlone) {
     TestDriver driver([](PDEVICE_OBJECT, PIRP irp) { return Complete(irp, STATUS_UNSUCCESSFUL); });
@@ -204,29 +183,6 @@ TEST_F(Irps, CancelAndCompletionMeetExactlyOnce) {
         IoFreeIrp(irp);
     }
     RecordProperty("cancelled", cancelled);
-}
-
-TEST_F(Irps, WorkItemRunsAtPassiveLevelWithItsDeviceReferenced) {
-    static std::atomic<int> runs;
-    runs = 0;
-    TestDriver driver(Succeed);
-    const PIO_WORKITEM item = IoAllocateWorkItem(driver.Device());
-    static KEVENT done;
-    KeInitializeEvent(&done, NotificationEvent, FALSE);
-    KIRQL level;
-    KeRaiseIrql(DISPATCH_LEVEL, &level);
-    IoQueueWorkItem(
-        item,
-        [](PDEVICE_OBJECT, PVOID context) {
-            EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
-            IoFreeWorkItem(static_cast<PIO_WORKITEM>(context));
-            ++runs;
-            KeSetEvent(&done, IO_NO_INCREMENT, FALSE);
-        },
-        DelayedWorkQueue, item);
-    KeLowerIrql(level);
-    EXPECT_EQ(WaitFor(&done, 1000), STATUS_SUCCESS);
-    EXPECT_EQ(runs, 1);
 }
 
 } // namespace

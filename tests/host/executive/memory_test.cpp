@@ -25,18 +25,6 @@ TEST_F(Memory, BlocksAreCountedJunkAndAligned) {
     EXPECT_EQ(runtime_.OutstandingPool().blocks, 0u);
 }
 
-TEST_F(Memory, PagedPoolComesBackBelowDispatchLevel) {
-    auto *block = static_cast<volatile int *>(ExAllocatePoolWithTag(PagedPool, 64, kTag));
-    for (int round = 0; round < 3; ++round) {
-        *block = round;
-        KIRQL level;
-        KeRaiseIrql(DISPATCH_LEVEL, &level);
-        KeLowerIrql(level);
-        EXPECT_EQ(*block, round);
-    }
-    ExFreePoolWithTag(const_cast<int *>(block), kTag);
-}
-
 TEST_F(Memory, AllocationsFailByNumber) {
     runtime_.Arm(FaultPlan().FailNth(FaultSite::PoolAllocation, 2).FailNth(FaultSite::Mdl, 1, true));
     void *first = ExAllocatePoolWithTag(NonPagedPool, 8, kTag);
@@ -52,42 +40,6 @@ TEST_F(Memory, AllocationsFailByNumber) {
     EXPECT_EQ(runtime_.Faults().Visits(FaultSite::PoolAllocation), 3u);
     EXPECT_EQ(runtime_.Faults().FaultsDealt(), 3u);
     ExFreePoolWithTag(first, kTag);
-}
-
-TEST_F(Memory, LookasideListsKeepEntriesAndGiveThemAllBack) {
-    PAGED_LOOKASIDE_LIST list;
-    ExInitializePagedLookasideList(&list, nullptr, nullptr, 0, 48, kTag, 0);
-    void *entry = ExAllocateFromPagedLookasideList(&list);
-    ExFreeToPagedLookasideList(&list, entry);
-    EXPECT_EQ(ExQueryDepthSList(&list.L.ListHead), 1);
-    EXPECT_EQ(ExAllocateFromPagedLookasideList(&list), entry);
-    ExFreeToPagedLookasideList(&list, entry);
-    EXPECT_EQ(runtime_.OutstandingPool().blocks, 1u);
-    ExDeletePagedLookasideList(&list);
-    EXPECT_EQ(runtime_.OutstandingPool().blocks, 0u);
-}
-
-TEST_F(Memory, InterlockedListsAreFirstInFirstOut) {
-    KSPIN_LOCK lock = 0;
-    LIST_ENTRY head, a, b, c;
-    InitializeListHead(&head);
-    EXPECT_EQ(ExInterlockedInsertTailList(&head, &a, &lock), nullptr);
-    EXPECT_EQ(ExInterlockedInsertTailList(&head, &b, &lock), &a);
-    EXPECT_EQ(ExInterlockedInsertHeadList(&head, &c, &lock), &a);
-    for (PLIST_ENTRY expected : {&c, &a, &b, static_cast<PLIST_ENTRY>(nullptr)})
-        EXPECT_EQ(ExInterlockedRemoveHeadList(&head, &lock), expected);
-}
-
-TEST_F(Memory, MdlDescribesItsBuffer) {
-    auto *block = static_cast<char *>(ExAllocatePoolWithTag(NonPagedPool, 9000, kTag));
-    const PMDL mdl = IoAllocateMdl(block + 5, 8995, FALSE, FALSE, nullptr);
-    MmBuildMdlForNonPagedPool(mdl);
-    EXPECT_EQ(MmGetMdlByteCount(mdl), 8995u);
-    EXPECT_EQ(MmGetMdlByteOffset(mdl), 5u);
-    EXPECT_EQ(MmGetMdlVirtualAddress(mdl), block + 5);
-    EXPECT_EQ(MmGetSystemAddressForMdlSafe(mdl, NormalPagePriority), block + 5);
-    IoFreeMdl(mdl);
-    ExFreePoolWithTag(block, kTag);
 }
 
 TEST_F(Memory, GuardedCallTurnsFaultsAndRaisedStatusesIntoResults) {

@@ -90,18 +90,6 @@ TEST_F(RegistryTest, BuffersFollowTheRulesOfPartialInformation) {
     ZwClose(key);
 }
 
-TEST_F(RegistryTest, HandlesGrantWhatTheyWereOpenedFor) {
-    HANDLE root, key;
-    ASSERT_EQ(Key(L"\\Registry", KEY_READ, true, &root), STATUS_SUCCESS);
-    EXPECT_EQ(Set(root, L"a", REG_DWORD, &root, 4), STATUS_ACCESS_DENIED);
-    ASSERT_EQ(Key(L"Sub", KEY_WRITE, true, &key, root), STATUS_SUCCESS);
-    EXPECT_EQ(Set(key, L"a", REG_DWORD, &root, 4), STATUS_SUCCESS);
-    EXPECT_EQ(Query(key, L"a").status, STATUS_ACCESS_DENIED);
-    EXPECT_EQ(Key(L"None", KEY_READ, false, &key, root), STATUS_OBJECT_NAME_NOT_FOUND);
-    ZwClose(key);
-    ZwClose(root);
-}
-
 TEST_F(RegistryTest, EverythingSurvivesARestart) {
     const WCHAR text[] = L"caf\u00e9";
     const unsigned char odd[] = {1, 2, 3};

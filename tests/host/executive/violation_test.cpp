@@ -64,11 +64,6 @@ const Wrong kLevels[] = {
          ToDispatch();
          KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr);
      }},
-    {"CloseAtDispatch", "IRQL too high: ZwClose",
-     [] {
-         ToDispatch();
-         ZwClose(nullptr);
-     }},
     {"PagedTouchAtDispatch", "paged pool at raised IRQL",
      [] {
          auto *bytes = static_cast<volatile char *>(Block(PagedPool));
@@ -167,13 +162,6 @@ const Wrong kLocks[] = {
              LockOrderRelease(&locks[i]);
          }
      }},
-    {"ForeignMutex", "lock released by another thread",
-     [] {
-         KMUTEX mutex;
-         KeInitializeMutex(&mutex, 0);
-         WaitFor(&mutex, 0);
-         AttachedThread other("other", [&] { KeReleaseMutex(&mutex, FALSE); });
-     }},
     {"MutexKeptByThread", "mutex kept",
      [] {
          KMUTEX mutex;
@@ -217,12 +205,6 @@ const Wrong kPool[] = {
          bytes[-1] = 1;
          ExFreePoolWithTag(const_cast<char *>(bytes), kTag);
      }},
-    {"PagedOverrun", "pool overrun|AddressSanitizer",
-     [] {
-         auto *bytes = static_cast<volatile char *>(Block(PagedPool, 5000));
-         bytes[5000] = 1;
-         ExFreePoolWithTag(const_cast<char *>(bytes), kTag);
-     }},
     {"FreedTwice", "pool freed twice|pool pointer not known",
      [] {
          void *block = Block();
@@ -251,13 +233,6 @@ const Wrong kPool[] = {
          KeInitializeSpinLock(lock);
          KeAcquireSpinLock(lock, &before);
          ExFreePoolWithTag(lock, kTag);
-     }},
-    {"HeldMutexFreed", "held lock freed",
-     [] {
-         auto *mutex = static_cast<PKMUTEX>(Block());
-         KeInitializeMutex(mutex, 0);
-         WaitFor(mutex, 0);
-         ExFreePoolWithTag(mutex, kTag);
      }},
     {"AwaitedEventFreed", "object freed while waited for",
      [] {
@@ -288,18 +263,6 @@ const Wrong kIrps[] = {
              Complete(irp, STATUS_SUCCESS);
              return Complete(irp, STATUS_SUCCESS);
          });
-     }},
-    {"ManagersIrpCompletedTwice", "IRP used after it was freed|AddressSanitizer",
-     [] {
-         TestDriver driver([](PDEVICE_OBJECT, PIRP irp) {
-             Complete(irp, STATUS_SUCCESS);
-             IoCompleteRequest(irp, IO_NO_INCREMENT);
-             return STATUS_SUCCESS;
-         });
-         IO_STATUS_BLOCK ioStatus;
-         static_cast<void>(
-             IoCallDriver(driver.Device(), IoBuildDeviceIoControlRequest(0x220003, driver.Device(), nullptr, 0, nullptr,
-                                                                         0, TRUE, nullptr, &ioStatus)));
      }},
     {"CancelRoutineSet", "IRP completed with its cancel routine set",
      [] {
@@ -349,13 +312,6 @@ const Wrong kIrps[] = {
     {"NoStackLocation", "no stack location left",
      [] { Send([](PDEVICE_OBJECT device, PIRP irp) -> NTSTATUS { return IoCallDriver(device, irp); }); }},
     {"NobodyTakesItBack", "IRP completed beyond its owner", [] { Send(Succeed, nullptr); }},
-    {"CompletionFreesAndGoesOn", "IRP used after it was freed",
-     [] {
-         Send(Succeed, [](PDEVICE_OBJECT, PIRP irp, PVOID) -> NTSTATUS {
-             IoFreeIrp(irp);
-             return STATUS_SUCCESS;
-         });
-     }},
     {"CancelLockKept", "cancel spin lock kept",
      [] {
          const PIRP irp = IoAllocateIrp(1, FALSE);
@@ -382,7 +338,6 @@ const Wrong kOthers[] = {
      }},
     {"MdlOverPagedPool", "MDL buffer not in non-paged pool",
      [] { MmBuildMdlForNonPagedPool(MdlFor(Block(PagedPool))); }},
-    {"MdlLongerThanBuffer", "MDL buffer not in non-paged pool", [] { MmBuildMdlForNonPagedPool(MdlFor(Block(), 65)); }},
     {"MdlFreedLocked", "MDL freed while locked",
      [] {
          static char buffer[16];
