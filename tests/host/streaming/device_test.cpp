@@ -31,32 +31,6 @@ TEST(StreamingDevice, FilterIsFoundOnlyWhileTheDeviceIsStarted) {
     EXPECT_EQ(filter.Open(machine.Link()), STATUS_SUCCESS);
 }
 
-TEST(StreamingDevice, FailedStartLeavesNothing) {
-    Hooks hooks;
-    hooks.start = [](PKSDEVICE device) {
-        EXPECT_FALSE(device->Started);
-        return STATUS_DEVICE_CONFIGURATION_ERROR;
-    };
-    Machine machine(std::move(hooks));
-    EXPECT_EQ(machine.StartStatus(), STATUS_DEVICE_CONFIGURATION_ERROR);
-    EXPECT_EQ(machine.Link(), u"");
-    EXPECT_EQ(machine.Pdo()->AttachedDevice, nullptr);
-}
-
-TEST(StreamingDevice, FilterOutlivesItsFactory) {
-    Machine machine;
-    OpenPin open(machine);
-    ASSERT_EQ(open.status, STATUS_SUCCESS);
-    ASSERT_EQ(open.pin.SetState(KSSTATE_RUN), STATUS_SUCCESS);
-    EXPECT_EQ(host::StopDeviceStack(machine.Pdo()), STATUS_SUCCESS);
-    KSSTATE state = KSSTATE_RUN;
-    EXPECT_EQ(open.pin.State(state), STATUS_SUCCESS);
-    EXPECT_EQ(state, KSSTATE_STOP);
-    EXPECT_EQ(host::RestartDeviceStack(machine.Pdo()), STATUS_SUCCESS);
-    open.pin.Close();
-    open.filter.Close();
-}
-
 TEST(StreamingDevice, BagsFreeWhatTheyHoldOnce) {
     static Log freed;
     freed.clear();

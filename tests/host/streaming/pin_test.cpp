@@ -70,19 +70,6 @@ TEST(StreamingPin, BadConnectionsAreRefused) {
     }
 }
 
-TEST(StreamingPin, RefusedCreateFreesThePin) {
-    Hooks hooks;
-    hooks.pinCreate = [](PKSPIN pin, PIRP) {
-        EXPECT_EQ(pin->DeviceState, KSSTATE_STOP);
-        EXPECT_EQ(pin->Communication, KSPIN_COMMUNICATION_SINK);
-        EXPECT_TRUE(pin->ConnectionIsExternal);
-        return STATUS_DEVICE_BUSY;
-    };
-    Machine machine(std::move(hooks));
-    OpenPin open(machine);
-    EXPECT_EQ(open.status, STATUS_DEVICE_BUSY);
-}
-
 TEST(StreamingPin, StatesAreWalkedInSteps) {
     static bool refuseRun;
     refuseRun = false;
@@ -111,66 +98,6 @@ TEST(StreamingPin, StatesAreWalkedInSteps) {
     machine.TakeLog();
     open.pin.Close();
     EXPECT_EQ(machine.TakeLog(), (Log{"state 2>1", "state 1>0", "pin close"}));
-}
-
-TEST(StreamingPin, StepsDownCannotBeRefused) {
-    Hooks hooks;
-    hooks.setState = [](PKSPIN, KSSTATE to, KSSTATE from) {
-        return to == KSSTATE_ACQUIRE && from == KSSTATE_PAUSE ? STATUS_IO_DEVICE_ERROR : STATUS_SUCCESS;
-    };
-    Machine machine(std::move(hooks));
-    OpenPin open(machine);
-    ASSERT_EQ(open.pin.SetState(KSSTATE_RUN), STATUS_SUCCESS);
-    EXPECT_EQ(open.pin.SetState(KSSTATE_STOP), STATUS_IO_DEVICE_ERROR);
-    KSSTATE state = KSSTATE_RUN;
-    EXPECT_EQ(open.pin.State(state), STATUS_SUCCESS);
-    EXPECT_EQ(state, KSSTATE_STOP);
-}
-
-TEST(StreamingPin, FramesComeInOrderAndStamped) {
-    Machine machine;
-    Frame first(kFrameSize), second(kFrameSize, false), third(kFrameSize);
-    OpenPin open(machine);
-    ASSERT_EQ(open.status, STATUS_SUCCESS);
-    host::client::Clock clock;
-    ASSERT_EQ(clock.Open(open.pin), STATUS_SUCCESS);
-    ASSERT_EQ(open.pin.AssignClock(&clock), STATUS_SUCCESS);
-    EXPECT_EQ(open.pin.Queue(first), STATUS_INVALID_DEVICE_STATE) << "a stopped pin takes no frames";
-    ASSERT_EQ(open.pin.SetState(KSSTATE_PAUSE), STATUS_SUCCESS);
-    for (Frame *frame : {&first, &second, &third})
-        ASSERT_EQ(open.pin.Queue(*frame), STATUS_SUCCESS);
-    Frame *done = nullptr;
-    EXPECT_EQ(open.pin.NextFrame(&done, 100), STATUS_TIMEOUT) << "nothing comes before the pin runs";
-    ASSERT_EQ(open.pin.SetState(KSSTATE_RUN), STATUS_SUCCESS);
-    EXPECT_EQ(open.pin.AssignClock(nullptr), STATUS_INVALID_DEVICE_STATE);
-
-    LONGLONG number = 0;
-    for (Frame *expected : {&first, &second, &third}) {
-        ++number;
-        ASSERT_EQ(open.pin.NextFrame(&done, 1000), STATUS_SUCCESS);
-        ASSERT_EQ(done, expected);
-        EXPECT_EQ(done->Status(), STATUS_SUCCESS);
-        EXPECT_EQ(done->Information(), done->Header().Size);
-        ASSERT_EQ(done->Data().size(), kFrameSize);
-        EXPECT_EQ(done->Data().front(), number);
-        EXPECT_EQ(done->Data().back(), number);
-        EXPECT_EQ(done->Header().Data, done->Buffer().data()) << "the caller's own address";
-        EXPECT_EQ(done->Header().Duration, kFrameInterval);
-        EXPECT_EQ(done->Header().PresentationTime.Time, number * kFrameInterval) << "stream time begins at run";
-        EXPECT_EQ(done->Header().OptionsFlags,
-                  ULONG{KSSTREAM_HEADER_OPTIONSF_DURATIONVALID | KSSTREAM_HEADER_OPTIONSF_TIMEVALID});
-        EXPECT_EQ(done->Info().PictureNumber, expected == &second ? 0 : number) << "a short header gets no more";
-    }
-    EXPECT_EQ(open.pin.NextFrame(&done), STATUS_NO_MORE_ENTRIES);
-
-    LONGLONG time = 0, later = 0;
-    EXPECT_EQ(open.pin.SetState(KSSTATE_PAUSE), STATUS_SUCCESS);
-    EXPECT_EQ(clock.Time(time), STATUS_SUCCESS);
-    open.pin.Queue(first);
-    EXPECT_EQ(open.pin.NextFrame(&done, 50), STATUS_TIMEOUT);
-    EXPECT_EQ(clock.Time(later), STATUS_SUCCESS);
-    EXPECT_EQ(time, 3 * kFrameInterval);
-    EXPECT_EQ(later, time) << "a paused stream has no time";
 }
 
 TEST(StreamingPin, SeveralFramesInOneRequest) {
@@ -208,35 +135,6 @@ TEST(StreamingPin, SeveralFramesInOneRequest) {
     EXPECT_EQ(buffers[kFrameSize - 1] + 1, buffers[kFrameSize]);
 }
 
-TEST(StreamingPin, FormatChangeIsTheDriversToTakeOrRefuse) {
-    Hooks hooks;
-    hooks.setFormat = [](PKSPIN pin, PKSDATAFORMAT old, const KSDATARANGE *) -> NTSTATUS {
-        if (old == nullptr)
-            return STATUS_SUCCESS;
-        auto height = [](PKSDATAFORMAT format) {
-            return reinterpret_cast<KS_DATAFORMAT_VIDEOINFOHEADER *>(format)->VideoInfoHeader.bmiHeader.biHeight;
-        };
-        return height(old) == -height(pin->ConnectionFormat) ? STATUS_SUCCESS : STATUS_INVALID_DEVICE_STATE;
-    };
-    Machine machine(std::move(hooks));
-    OpenPin open(machine);
-    ASSERT_EQ(open.pin.SetState(KSSTATE_RUN), STATUS_SUCCESS);
-    auto format = GreyFormat();
-    EXPECT_EQ(open.pin.SetFormat(BytesOf(format)), STATUS_INVALID_DEVICE_STATE);
-    format.VideoInfoHeader.bmiHeader.biHeight = -kHeight;
-    EXPECT_EQ(open.pin.SetFormat(BytesOf(format)), STATUS_SUCCESS);
-    auto wider = format;
-    wider.VideoInfoHeader.bmiHeader.biHeight = 7;
-    EXPECT_EQ(open.pin.SetFormat(BytesOf(wider)), STATUS_INVALID_DEVICE_STATE);
-    std::vector<std::uint8_t> current;
-    EXPECT_EQ(open.pin.Format(current), STATUS_SUCCESS);
-    EXPECT_EQ(std::memcmp(current.data(), &format, sizeof(format)), 0) << "a refused format leaves the old one";
-    wider.DataFormat.FormatSize = 8;
-    EXPECT_EQ(open.pin.SetFormat(BytesOf(wider)), STATUS_INVALID_BUFFER_SIZE);
-    ++format.DataFormat.SubFormat.Data1;
-    EXPECT_EQ(open.pin.SetFormat(BytesOf(format)), STATUS_NO_MATCH);
-}
-
 // The ways in which queued frames come back unfilled.
 TEST(StreamingPin, QueuedFramesComeBackWhenTheStreamEnds) {
     struct Case {
@@ -266,22 +164,6 @@ TEST(StreamingPin, QueuedFramesComeBackWhenTheStreamEnds) {
             EXPECT_TRUE(done->Data().empty());
         }
     }
-}
-
-TEST(StreamingPin, ClosedHandleGivesItsFramesBack) {
-    Machine machine;
-    OpenPin open(machine);
-    ASSERT_EQ(open.pin.SetState(KSSTATE_RUN), STATUS_SUCCESS);
-    std::vector<std::uint8_t> buffer(kFrameSize);
-    KSSTREAM_HEADER header{.Size = sizeof(header), .FrameExtent = kFrameSize, .Data = buffer.data()};
-    IO_STATUS_BLOCK ioStatus{};
-    EXPECT_EQ(ZwDeviceIoControlFile(open.pin.Handle(), nullptr, nullptr, nullptr, &ioStatus, IOCTL_KS_READ_STREAM,
-                                    nullptr, 0, &header, sizeof(header)),
-              STATUS_PENDING);
-    machine.TakeLog();
-    static_cast<host::client::KsFile &>(open.pin).Close();
-    EXPECT_EQ(machine.TakeLog(), (Log{"state 3>2", "state 2>1", "state 1>0", "pin close"}));
-    EXPECT_EQ(ioStatus.Status, STATUS_CANCELLED);
 }
 
 // A frame that the driver holds is given back by the driver, whatever its sender wishes meanwhile.
@@ -397,33 +279,6 @@ TEST(StreamingPin, ProcessingIsTriggeredByFramesAndByTheDriver) {
     take = false;
     open.pin.Queue(frames[2]);
     EXPECT_EQ(calls, 4);
-}
-
-TEST(StreamingPin, UnpluggedPinIsOnlyGoodForClosing) {
-    Machine machine;
-    std::u16string link = machine.Link();
-    Frame frame(kFrameSize);
-    OpenPin open(machine);
-    host::client::Clock clock;
-    ASSERT_EQ(clock.Open(open.pin), STATUS_SUCCESS);
-    ASSERT_EQ(open.pin.AssignClock(&clock), STATUS_SUCCESS);
-    ASSERT_EQ(open.pin.SetState(KSSTATE_RUN), STATUS_SUCCESS);
-    ASSERT_EQ(open.pin.Queue(frame), STATUS_SUCCESS);
-    machine.Unplug();
-    Frame *done = nullptr;
-    ASSERT_EQ(open.pin.NextFrame(&done, 0), STATUS_SUCCESS);
-    EXPECT_EQ(open.pin.Queue(frame), STATUS_DEVICE_NOT_CONNECTED);
-    EXPECT_EQ(open.pin.SetState(KSSTATE_RUN), STATUS_DEVICE_NOT_CONNECTED);
-    EXPECT_EQ(open.pin.SetState(KSSTATE_STOP), STATUS_SUCCESS);
-    host::client::Filter again;
-    EXPECT_FALSE(NT_SUCCESS(again.Open(link)));
-    EXPECT_NE(machine.Pdo()->AttachedDevice, nullptr) << "open files keep the device";
-    clock.Close();
-    open.pin.Close();
-    open.filter.Close();
-    EXPECT_EQ(machine.Pdo()->AttachedDevice, nullptr) << "gone with the last of them";
-    ASSERT_EQ(machine.StartStack(), STATUS_SUCCESS);
-    EXPECT_EQ(again.Open(machine.Link()), STATUS_SUCCESS);
 }
 
 } // namespace

@@ -134,14 +134,9 @@ NTSTATUS PinProcess(PKSPIN pin) {
     return hooks->process ? hooks->process(pin) : STATUS_PENDING;
 }
 
-NTSTATUS PinSetFormat(PKSPIN pin, PKSDATAFORMAT old, PKSMULTIPLE_ITEM, const KSDATARANGE *range,
-                      const KSATTRIBUTE_LIST *) {
+NTSTATUS PinSetFormat(PKSPIN pin, PKSDATAFORMAT old, PKSMULTIPLE_ITEM, const KSDATARANGE *, const KSATTRIBUTE_LIST *) {
     Note(std::string("format ") + (old == nullptr ? "first" : "change") +
          (pin->Context == KsPinGetParentFilter(pin)->Context ? " with the filter's context" : ""));
-    if (hooks->setFormat) {
-        if (NTSTATUS status = hooks->setFormat(pin, old, range); status != STATUS_SUCCESS)
-            return status;
-    }
     const auto &format = *reinterpret_cast<KS_DATAFORMAT_VIDEOINFOHEADER *>(pin->ConnectionFormat);
     if (format.DataFormat.FormatSize < sizeof(format) || format.VideoInfoHeader.bmiHeader.biWidth != kWidth)
         return STATUS_NO_MATCH;

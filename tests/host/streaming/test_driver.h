@@ -42,7 +42,6 @@ struct Hooks {
     std::function<NTSTATUS(PKSPIN, PIRP)> pinCreate;
     std::function<NTSTATUS(PKSPIN, PIRP)> pinClose;
     std::function<NTSTATUS(PKSPIN)> process;
-    std::function<NTSTATUS(PKSPIN, PKSDATAFORMAT, const KSDATARANGE *)> setFormat;
     std::function<NTSTATUS(PKSPIN, KSSTATE to, KSSTATE from)> setState;
     std::function<NTSTATUS(PIRP, PVOID data)> getValue;
     std::function<NTSTATUS(PIRP)> support; // of kSupported
