@@ -78,27 +78,6 @@ TEST_F(BusTest, IdentifiesWhatIsPluggedIn) {
     EXPECT_EQ(bus_->IdentityOf(back).instancePath, u"USB\\VID_1234&PID_ABCD\\A1B2");
 }
 
-TEST_F(BusTest, ReadsDescriptorsShortOrWhole) {
-    for (std::uint32_t seed : {0u, 7u, 8u}) {
-        Plug({.synchronousSeed = seed});
-        int pended = 0;
-        for (int turn = 0; turn < 16; ++turn) {
-            auto sent = GetDescriptor(pdo_, 2, 0, turn % 2 == 0 ? 521 : 9);
-            NTSTATUS status = sent->Send();
-            pended += status == STATUS_PENDING;
-            ExpectEnd(*sent, USBD_STATUS_SUCCESS, STATUS_SUCCESS);
-            EXPECT_EQ(status == STATUS_PENDING, sent->CompletionLevel() == DISPATCH_LEVEL);
-            Bytes expected = device_->configuration;
-            expected.resize(turn % 2 == 0 ? expected.size() : 9);
-            EXPECT_EQ(sent->Data(), expected);
-        }
-        if (seed == 0)
-            EXPECT_EQ(pended, 16);
-        else
-            EXPECT_TRUE(pended > 0 && pended < 16) << pended;
-    }
-}
-
 TEST_F(BusTest, PutsClassAndVendorRequestsOnTheWire) {
     Plug();
     device_->onControl = [](const SetupPacket &, std::span<std::uint8_t> data) {
@@ -304,27 +283,6 @@ TEST_F(BusTest, FillsBulkTransfersInOrderAtDispatchLevel) {
     EXPECT_EQ(strict->Length(), 1u);
 }
 
-TEST_F(BusTest, AsksTheDeviceAgainWhenItSaid) {
-    PlugAndConfigure();
-    Ticks start = Now();
-    device_->Send({.bytes = {1}, .at = start + kSecond});
-    device_->Send({.bytes = {2}, .at = start + 3 * kSecond});
-    device_->Send({.bytes = {3}, .at = kNever});
-    auto first = BulkRead(pdo_, bulk_, 4);
-    auto second = BulkRead(pdo_, bulk_, 4);
-    auto third = BulkRead(pdo_, bulk_, 4);
-    first->Send();
-    second->Send();
-    third->Send();
-    ASSERT_TRUE(second->Completes());
-    EXPECT_EQ(first->CompletionTime() - start, kSecond);
-    EXPECT_EQ(second->CompletionTime() - start, 3 * kSecond);
-    EXPECT_FALSE(third->Completes(100 * kSecond));
-    device_->Ring();
-    ASSERT_TRUE(third->Completes());
-    EXPECT_EQ(third->CompletionTime() - start, 103 * kSecond);
-}
-
 TEST_F(BusTest, CancelsWhatIsPendingAndNothingElse) {
     PlugAndConfigure();
     auto first = BulkRead(pdo_, bulk_, 4);
@@ -341,28 +299,6 @@ TEST_F(BusTest, CancelsWhatIsPendingAndNothingElse) {
     device_->Ring();
     ExpectEnd(*third, USBD_STATUS_SUCCESS, STATUS_SUCCESS);
     EXPECT_EQ(third->Data(), Bytes{7});
-}
-
-TEST_F(BusTest, AbortEndsAfterWhatItAborts) {
-    for (std::uint32_t seed : {0u, 1u, 2u, 3u}) {
-        PlugAndConfigure({.synchronousSeed = seed});
-        auto first = BulkRead(pdo_, bulk_, 4);
-        auto second = BulkRead(pdo_, bulk_, 4);
-        auto other = BulkRead(pdo_, interrupt_, 4);
-        first->Send();
-        second->Send();
-        other->Send();
-        auto abort = PipeRequest(pdo_, bulk_, URB_FUNCTION_ABORT_PIPE);
-        abort->Send();
-        ExpectEnd(*abort, USBD_STATUS_SUCCESS, STATUS_SUCCESS);
-        ExpectEnd(*first, USBD_STATUS_CANCELED, STATUS_CANCELLED);
-        ExpectEnd(*second, USBD_STATUS_CANCELED, STATUS_CANCELLED);
-        EXPECT_LT(first->CompletionOrder(), second->CompletionOrder());
-        EXPECT_LT(second->CompletionOrder(), abort->CompletionOrder());
-        EXPECT_FALSE(other->Completes(kSecond));
-        other->Cancel();
-        EXPECT_TRUE(other->Completes());
-    }
 }
 
 // Data, cancels and aborts cross on purpose; whoever wins, every transfer ends once and with a pair that fits.
@@ -545,21 +481,6 @@ TEST_F(BusTest, UnplugEndsEverything) {
     EXPECT_TRUE(watch.expired());
 }
 
-TEST_F(BusTest, ADeviceMayDisappearByItself) {
-    std::atomic<PDEVICE_OBJECT> gone{nullptr};
-    PlugAndConfigure({.onGone = [&](PDEVICE_OBJECT pdo) { gone = pdo; }});
-    auto bulk = BulkRead(pdo_, bulk_, 4);
-    bulk->Send();
-    EXPECT_FALSE(bulk->Completes(kSecond));
-    runtime_.Arm(FaultPlan().FailTransfer(1, TransferFault::Gone));
-    auto control = GetDescriptor(pdo_, 1, 0, 18);
-    control->Send();
-    ExpectEnd(*control, USBD_STATUS_DEVICE_GONE, STATUS_DEVICE_NOT_CONNECTED);
-    ExpectEnd(*bulk, USBD_STATUS_DEVICE_GONE, STATUS_DEVICE_NOT_CONNECTED);
-    bus_->Unplug(pdo_);
-    EXPECT_EQ(gone, pdo_);
-}
-
 TEST_F(BusTest, APortResetKeepsHandlesButNoTransfers) {
     PlugAndConfigure();
     auto select = SelectInterface(pdo_, configuration_, 1, 1, 2);
@@ -576,20 +497,6 @@ TEST_F(BusTest, APortResetKeepsHandlesButNoTransfers) {
     EXPECT_EQ(device_->TakeLog(),
               (std::vector<std::string>{"reset port", "control 00 09 0001 0000 0000", "control 01 0b 0001 0001 0000"}));
     ExpectPipeRequest(interrupt_, URB_FUNCTION_SYNC_RESET_PIPE_AND_CLEAR_STALL, USBD_STATUS_SUCCESS);
-}
-
-TEST_F(BusTest, APortCycleIsHandedToTheOwner) {
-    int cycles = 0;
-    Plug({.onCyclePort = [&](PDEVICE_OBJECT) { ++cycles; }});
-    Sent cycle(pdo_);
-    cycle.Send(IOCTL_INTERNAL_USB_CYCLE_PORT);
-    ASSERT_TRUE(cycle.Completes());
-    EXPECT_EQ(cycle.Status(), STATUS_SUCCESS);
-    EXPECT_EQ(bus_->PortCycles(pdo_), 1u);
-    bus_->Unplug(pdo_);
-    EXPECT_EQ(cycles, 1);
-    cycle.Send(IOCTL_INTERNAL_USB_CYCLE_PORT);
-    EXPECT_EQ(cycle.Status(), STATUS_DEVICE_NOT_CONNECTED);
 }
 
 using BusDeathTest = BusTest;

@@ -75,7 +75,6 @@ class Sent {
     NTSTATUS Status() const { return irp_->IoStatus.Status; }
     USBD_STATUS UsbdStatus() { return Urb()->UrbHeader.Status; }
     KIRQL CompletionLevel() const { return level_; }
-    Ticks CompletionTime() const { return time_; }
     int CompletionOrder() const { return order_; }
 
   private:
@@ -85,7 +84,6 @@ class Sent {
     static NTSTATUS NTAPI Completed(PDEVICE_OBJECT, PIRP, PVOID context) {
         auto &sent = *static_cast<Sent *>(context);
         sent.level_ = KeGetCurrentIrql();
-        sent.time_ = Now();
         sent.order_ = ++completions;
         KeSetEvent(&sent.done_, IO_NO_INCREMENT, FALSE);
         return STATUS_MORE_PROCESSING_REQUIRED;
@@ -99,7 +97,6 @@ class Sent {
     PMDL mdl_ = nullptr;
     KEVENT done_;
     KIRQL level_ = 0;
-    Ticks time_ = 0;
     int order_ = 0;
 };
 
