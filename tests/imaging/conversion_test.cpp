@@ -92,21 +92,6 @@ TEST(ConvertMonoFrame, GreyOutputsEqualTheirDefinition) {
     }
 }
 
-TEST(ConvertMonoFrame, VectorsRoundUpAndTheLastColumnStays) {
-    for (const auto &[set, want] : {std::pair{Set::kScalar, 10}, {Set::kSse2, 11}, {Set::kSse41, 11}}) {
-        if (!Runs(set))
-            continue;
-        SourceBuffer source(kFourCcGrey8, 32, 2);
-        FrameBuffer output(kFourCcGrey8, 32, 2, 1);
-        for (std::uint32_t i = 0; i < 64; ++i)
-            source.image.data[i] = 10 + i % 2;
-        ConvertMonoFrame(output.image, source.image, kSmooth | Features(set));
-        EXPECT_EQ(output.Row(1)[0], want);
-        EXPECT_EQ(output.Row(1)[30], 10);
-        EXPECT_EQ(output.Row(1)[31], 11);
-    }
-}
-
 // What each path does with each destination, in bytes of a 64 x 4 source.
 TEST(Conversion, DestinationFormatChoosesThePath) {
     enum class Way { kStraight, kFlipped, kDemosaic, kExpand, kSourceBytes };

@@ -144,28 +144,6 @@ TEST(OverlayText, StaysInRowsThatAreTooShortForTheirFormat) {
     }
 }
 
-// Lines of the box characters meet at the edges of their cells: up, right, down, left, each none, single or double.
-TEST(OverlayFont, BoxCharactersConnect) {
-    constexpr const char *kEdges[] = {"1010", "1011", "1012", "2021", "0021", "0012", "2022", "2020", "0022", "2002",
-                                      "2001", "1002", "0011", "1100", "1101", "0111", "1110", "0101", "1111", "1210",
-                                      "2120", "2200", "0220", "2202", "0222", "2220", "0202", "2222", "1202", "2101",
-                                      "0212", "0121", "2100", "1200", "0210", "0120", "2121", "1212", "1001", "0110"};
-    constexpr std::uint8_t kVertical[] = {0x00, 0x18, 0x36};
-    constexpr std::uint8_t kHorizontal[] = {0x00, 0x08, 0x28}; // rows 4, and 2 with it
-    for (std::uint32_t i = 0; i < std::size(kEdges); ++i) {
-        const std::uint8_t *glyph = kOverlayFont[0xB3 + i];
-        std::uint8_t left = 0, right = 0;
-        for (std::uint32_t row = 0; row < kGlyphRows; ++row) {
-            left = static_cast<std::uint8_t>(left << 1 | glyph[row] >> 7);
-            right = static_cast<std::uint8_t>(right << 1 | (glyph[row] & 1));
-        }
-        EXPECT_EQ(glyph[0], kVertical[kEdges[i][0] - '0']) << i;
-        EXPECT_EQ(right, kHorizontal[kEdges[i][1] - '0']) << i;
-        EXPECT_EQ(glyph[7], kVertical[kEdges[i][2] - '0']) << i;
-        EXPECT_EQ(left, kHorizontal[kEdges[i][3] - '0']) << i;
-    }
-}
-
 TEST(OverlayFont, GlyphsAreDistinctAndKeepTheirGap) {
     for (std::uint32_t a = 0; a < kGlyphs; ++a) {
         const bool blank = a == 0 || a == ' ' || a == 255;
