@@ -107,7 +107,7 @@ void PrintRow(const std::string &name, const std::string &value, const std::stri
     };
     add(name, 24);
     add(value, 16);
-    add(range, 20);
+    add(range, 25); // that of a register
     add(step, 4);
     add(initial, 8);
     add(mode, 6);

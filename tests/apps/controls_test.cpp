@@ -104,7 +104,7 @@ TEST_F(ControlsTest, RangesModesAndUnits) {
     EXPECT_EQ(exposure["unit"], "100 us");
     EXPECT_TRUE(exposure["step"].is_null()) << "nobody tells it";
     EXPECT_EQ(controls.at("ExposureLog2")["step"], 1);
-    EXPECT_NE(Run("controls sim:generic").out.find("range                 step  default"), std::string::npos);
+    EXPECT_NE(Run("controls sim:generic").out.find("range                      step  default"), std::string::npos);
     EXPECT_TRUE(controls.at("Gain")["unit"].is_null());
     EXPECT_EQ(controls.at("ExposureLog2")["set"], "PROPSETID_VIDCAP_CAMERACONTROL");
     EXPECT_FALSE(controls.contains("Pan"));
