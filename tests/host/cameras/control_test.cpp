@@ -90,16 +90,11 @@ TEST(Controls, AnswerWithTheirRange) {
     } kRows[] = {
         {"sim:generic", 1, 4, {1, 0, 0, 0}, {0x20, 0x4E, 0, 0}, {0x4D, 1, 0, 0}},
         {"sim:generic", 1, 6, {0, 0}, {0xE8, 3}, {0xF4, 1}},
-        {"sim:generic", 1, 15, {0x4C, 0xFF}, {0xB4, 0}, {0, 0}},
-        {"sim:generic", 2, 2, {0xC0, 0xFF}, {0x40, 0}, {0, 0}},
         {"sim:generic", 2, 6, {0x30, 0xF8}, {0xD0, 7}, {0, 0}},
         {"sim:generic", 2, 12, {0, 0, 0, 0}, {0xFF, 3, 0xFF, 3}, {0, 1, 0, 1}},
         {"sim:8101", 3, 4, {0, 0, 0, 0}, {0xFF, 0, 0, 0}, {0x80, 0, 0, 0}},
-        {"sim:8101", 2, 2, {0x80, 0xFF}, {0x7F, 0}, {0, 0}},
         {"sim:8102", 2, 2, {0x01, 0xFF}, {0xFF, 0}, {0xF0, 0xFF}},
-        {"sim:8201", 2, 4, {64, 0}, {0xFF, 3}, {64, 0}},
         {"sim:8204", 1, 4, {1, 0, 0, 0}, {0x88, 0x13, 0, 0}, {0x4D, 1, 0, 0}},
-        {"sim:8205", 1, 6, {0, 0}, {0xE8, 3}, {0xF4, 1}},
     };
     for (const auto &row : kRows) {
         const auto camera = Make(row.camera);
@@ -167,21 +162,6 @@ TEST(Controls, LackWhatTheModelSays) {
         EXPECT_EQ(MakeCamera(std::string("sim:8102,stall=") + wrong, reason), nullptr) << wrong;
 }
 
-TEST(Controls, EveryAnnouncedSelectorAnswers) {
-    for (const CameraListing &listing : ListCameras()) {
-        const auto camera = Make(listing.name);
-        ASSERT_TRUE(Configure(*camera));
-        for (const Entity &entity : camera->Function().entities) {
-            for (std::size_t bit = 0; bit < entity.controls.size() * 8; ++bit) {
-                const bool announced = (entity.controls[bit / 8] >> (bit % 8) & 1) != 0;
-                const auto selector = static_cast<std::uint8_t>(bit + 1);
-                EXPECT_EQ(Ask(*camera, kCur, entity.id, selector, 8).has_value(), announced)
-                    << listing.name << " " << int{entity.id} << "." << bit + 1;
-            }
-        }
-    }
-}
-
 TEST(Controls, StallAndSayWhy) {
     const auto camera = Make("sim:generic");
     ASSERT_TRUE(Configure(*camera));
@@ -215,21 +195,6 @@ TEST(Controls, StallAndSayWhy) {
     EXPECT_EQ(last.data, Bytes{3});
     EXPECT_FALSE(log[1].accepted);
     EXPECT_EQ(camera->Counters().controlRequests, log.size());
-}
-
-TEST(StandardRequests, KeepTheirRules) {
-    const auto camera = Make("sim:generic");
-    EXPECT_FALSE(Set(*camera, 0x01, 11, 0, 1)) << "no interface before a configuration";
-    EXPECT_FALSE(Ask(*camera, kCur, 1, 4, 4)) << "no class request either";
-    EXPECT_FALSE(Set(*camera, 0x00, 9, 2, 0));
-    EXPECT_TRUE(Set(*camera, 0x00, 9, 1, 0));
-    EXPECT_EQ(Get(*camera, 0x80, 8, 0, 0, 1), Bytes{1});
-    EXPECT_TRUE(Set(*camera, 0x01, 11, 0, 1));
-    EXPECT_FALSE(Set(*camera, 0x01, 11, 1, 1)) << "there is one alternate setting";
-    EXPECT_FALSE(Set(*camera, 0x01, 11, 0, 2));
-    EXPECT_EQ(Get(*camera, 0x81, 10, 0, 1, 1), Bytes{0});
-    EXPECT_EQ(Get(*camera, 0x80, 0, 0, 0, 2), (Bytes{0, 0}));
-    EXPECT_FALSE(Set(*camera, 0x00, 1, 1, 0)) << "no remote wake-up";
 }
 
 } // namespace

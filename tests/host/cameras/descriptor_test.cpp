@@ -1,6 +1,5 @@
 #include "tests/host/cameras/camera_harness.h"
 
-#include <map>
 #include <set>
 
 namespace host::cameras {
@@ -15,14 +14,6 @@ std::vector<std::string> ModelNames() {
 
 Bytes Descriptor(SimulatedCamera &camera, std::uint8_t type, std::uint8_t index, std::uint16_t length = 0xFFFF) {
     return Get(camera, 0x80, 6, static_cast<std::uint16_t>(type << 8 | index), 0, length).value_or(Bytes{});
-}
-
-std::string Text(SimulatedCamera &camera, std::uint8_t index) {
-    const Bytes bytes = Descriptor(camera, 3, index);
-    std::string text;
-    for (std::size_t i = 2; i + 1 < bytes.size(); i += 2)
-        text += static_cast<char>(bytes[i]);
-    return text;
 }
 
 class ModelTest : public testing::TestWithParam<std::string> {};
@@ -115,77 +106,6 @@ TEST_P(ModelTest, ConfigurationIsWellFormed) {
     const std::set<std::string> plain{"sim:generic", "sim:8204"}; // without an extension unit
     EXPECT_EQ(entities.size(), 4u - plain.count(GetParam()));
     EXPECT_EQ(formats > 0 && IsClass(all.at(2 + 1), 1), true);
-}
-
-TEST_P(ModelTest, NamesItself) {
-    const auto camera = Make(GetParam());
-    const Bytes device = Descriptor(*camera, 1, 0);
-    ASSERT_EQ(device.size(), 18u);
-    const std::string name = GetParam().substr(4);
-    if (name != "generic") {
-        EXPECT_EQ(Little(device, 10, 2), std::stoul(name, nullptr, 16));
-    }
-    EXPECT_EQ(Descriptor(*camera, 3, 0), (Bytes{4, 3, 0x09, 0x04}));
-    EXPECT_EQ(Text(*camera, device[14]), "UVC Simulation");
-    EXPECT_EQ(Text(*camera, device[15]), camera->model().product);
-    EXPECT_EQ(Text(*camera, device[16]).find_first_not_of("0123456789ABCDEFabcdef"), std::string::npos);
-    EXPECT_TRUE(Descriptor(*camera, 3, 9).empty());
-    EXPECT_TRUE(Descriptor(*camera, 2, 1).empty());
-    EXPECT_TRUE(Get(*camera, 0x80, 6, 0x0600, 0, 10) == std::nullopt) << "no other speed";
-}
-
-TEST(Models, SpreadOverWhatADriverMustHandle) {
-    bool longConfiguration = false;
-    bool shortConfiguration = false;
-    bool monochrome = false;
-    bool motorised = false;
-    std::set<std::uint8_t> patterns;
-    std::map<bool, int> wholeFrames;
-    for (const std::string &name : ModelNames()) {
-        const auto camera = Make(name);
-        const std::size_t size = Descriptor(*camera, 2, 0).size();
-        longConfiguration |= size > 521;
-        shortConfiguration |= size < 521;
-        monochrome |= !camera->model().colour;
-        motorised |= camera->model().motorisedFocus;
-        patterns.insert(static_cast<std::uint8_t>(camera->model().pattern));
-        const StreamState state = camera->CommittedFormat();
-        ++wholeFrames[state.maxPayloadSize == state.raster.bytes + 12];
-    }
-    EXPECT_TRUE(longConfiguration && shortConfiguration && monochrome && motorised);
-    EXPECT_EQ(patterns.size(), 4u);
-    EXPECT_GE(wholeFrames[true], 3);
-    EXPECT_GE(wholeFrames[false], 3);
-}
-
-TEST(Models, FamilyCAnnouncesItsRates) {
-    const struct {
-        const char *name;
-        std::uint16_t width;
-        std::vector<std::uint32_t> intervals;
-    } kRows[] = {
-        {"sim:8201", 320, {62500, 83333, 125000, 166666, 333333}},
-        {"sim:8202", 640, {114942, 166666, 333333, 666666, 1333332, 2000000}},
-        {"sim:8201", 1280, {131578, 166666, 333333, 666666, 1333332, 2000000}},
-        {"sim:8203", 2048, {1000000, 1333332, 2000000, 2666664}},
-        {"sim:8203", 1024, {281690, 333333, 666666, 1000000}},
-        {"sim:8204", 2592, {361000, 500000, 666666, 1333333}},
-        {"sim:8205", 640, {370009, 500000, 666666, 1333333, 2000000}},
-        {"sim:8206", 2592, {666666, 1333333, 2000000}},
-    };
-    for (const auto &row : kRows) {
-        const auto camera = Make(row.name);
-        ASSERT_EQ(camera->Function().formats.size(), 1u);
-        bool found = false;
-        for (const StreamFrame &frame : camera->Function().formats[0].frames) {
-            if (frame.width == row.width) {
-                EXPECT_EQ(frame.intervals, row.intervals) << row.name << " " << row.width;
-                found = true;
-            }
-        }
-        EXPECT_TRUE(found) << row.name << " " << row.width;
-    }
-    EXPECT_EQ(Make("sim:8204")->Function().formats[0].frames.size(), 1u);
 }
 
 TEST(Catalogue, RefusesWithAReason) {

@@ -91,26 +91,6 @@ TEST(Sensor, MakesGreyAndYuvOfTheScene) {
     }
 }
 
-TEST(Sensor, ResamplesToAnySizeAndKeepsTheMiddle) {
-    const Picture ramp = [] {
-        Picture picture{200, 30, std::vector<Rgb>(6000)};
-        for (std::uint32_t y = 0; y < 30; ++y)
-            for (std::uint32_t x = 0; x < 200; ++x)
-                picture.Row(y)[x] = {static_cast<std::uint8_t>(x), 7, 255};
-        return picture;
-    }();
-    for (std::uint32_t width : {12u, 40u, 80u, 332u}) {
-        const Picture small = Resample(ramp, width, width * 3 / 4);
-        // 40 of 200 columns are seen: 80 to 119.
-        for (std::uint32_t x = 1; x + 1 < width; ++x) {
-            const double centre = 80 + (x + 0.5) * 40 / width - 0.5;
-            EXPECT_NEAR(small.Row(3)[x].red, centre, 1.01) << width;
-            EXPECT_EQ(small.Row(3)[x].green, 7);
-            EXPECT_EQ(small.Row(3)[x].blue, 255);
-        }
-    }
-}
-
 double Mean(const Bytes &bytes) {
     return std::accumulate(bytes.begin(), bytes.end(), 0.0) / static_cast<double>(bytes.size());
 }
@@ -136,22 +116,6 @@ TEST(Sensor, ShowsExposureAndGainAfterTheLatency) {
     EXPECT_NEAR(Mean(camera->ExpectedFrame(1, 2, 0)), usual, 1e-9) << "what was, stays known";
 }
 
-TEST(Sensor, FollowsLightAndColourTemperature) {
-    const SceneFile scene;
-    const auto camera = WithScene("sim:8201", scene);
-    const auto greys = [&] { // blue, green, red in the grey quarter of a 320 x 240 frame
-        const Bytes frame = camera->ExpectedFrame(1, 2, 0);
-        return std::array<int, 3>{frame[180 * 320 + 240], frame[180 * 320 + 241], frame[181 * 320 + 241]};
-    };
-    EXPECT_EQ(greys(), (std::array<int, 3>{100, 100, 100}));
-    camera->SetSurroundings({.light = 0.5});
-    EXPECT_EQ(greys(), (std::array<int, 3>{50, 50, 50}));
-    camera->SetSurroundings({.kelvin = 2750}); // a factor of 2 to the power of 0.8
-    EXPECT_EQ(greys(), (std::array<int, 3>{57, 100, 174}));
-    camera->SetSurroundings({.light = 4});
-    EXPECT_EQ(greys(), (std::array<int, 3>{255, 255, 255}));
-}
-
 TEST(Sensor, ShowsScenesThatNeedNoFile) {
     const auto flat = Make("sim:8202,scene=flat");
     EXPECT_EQ(flat->ExpectedFrame(1, 2, 0), Bytes(320 * 240, 128));
@@ -173,30 +137,6 @@ TEST(Sensor, ShowsScenesThatNeedNoFile) {
     EXPECT_TRUE(reason.starts_with("absent.png: ")) << reason;
 }
 
-// The automatics have something to converge on: gains up to 3.98 mend the cast, and the pixels still differ.
-TEST(Sensor, KeepsCastAndBrightnessWithinTheReachOfTheAutomatics) {
-    for (const char *options : {"kelvin=2800", "kelvin=9000", "kelvin=2800,light=0.125", "kelvin=9000,light=8"}) {
-        const auto camera = Make(std::string("sim:8201,scene=grey,") + options);
-        ASSERT_TRUE(Configure(*camera));
-        const bool dark = std::string_view(options).ends_with("0.125");
-        const bool bright = std::string_view(options).ends_with("=8");
-        if (dark || bright) {
-            const std::uint16_t exposure = dark ? 333 * 8 : 333 / 8;
-            ASSERT_TRUE(Set(*camera, 0x21, 1, 0x0400, 0x0100,
-                            {static_cast<std::uint8_t>(exposure), static_cast<std::uint8_t>(exposure >> 8), 0, 0}));
-        }
-        const Bytes frame = camera->ExpectedFrame(1, 2, 0);
-        double sums[3] = {}; // blue, both greens, red
-        for (std::size_t i = 0; i < frame.size(); ++i)
-            sums[i / 320 % 2 + i % 2] += frame[i];
-        sums[1] /= 2;
-        const auto [least, most] = std::minmax({sums[0], sums[1], sums[2]});
-        EXPECT_GT(most / least, 1.8) << options;
-        EXPECT_LT(most / least, 3.5) << options;
-        EXPECT_NEAR(sums[1] / 19200, 117, 8) << options;
-    }
-}
-
 // The differences of blocks of pixels, as an autofocus looks at them.
 double Sharpness(const Bytes &frame, std::size_t width) {
     double sum = 0;
@@ -211,25 +151,6 @@ double Sharpness(const Bytes &frame, std::size_t width) {
         sum += best;
     }
     return sum;
-}
-
-TEST(Sensor, IsSharpestAtTheRightFocus) {
-    for (int sharp : {120, 420, 800}) {
-        Sensor sensor(*FindModel("8205"), {.surroundings = {.sharpAt = sharp}});
-        const Raster raster{PixelFormat::Bayer8, 640, 480, 640 * 480};
-        double last[2] = {1e9, 1e9};
-        for (int distance = 0; distance <= 880; distance += 8 + distance / 8) {
-            for (int side : {0, 1}) {
-                const int position = side == 0 ? sharp - distance : sharp + distance;
-                if (position < 0 || position > 1000)
-                    continue;
-                const SensorSettings settings{.focus = position, .region = {.binning = 4}};
-                const double sharpness = Sharpness(*sensor.Expose(raster, settings, 0), 640);
-                EXPECT_LT(sharpness, last[side]) << sharp << " " << position;
-                last[side] = sharpness;
-            }
-        }
-    }
 }
 
 TEST(FocusMotor, MovesEvenlyAndShowsWhereItIs) {

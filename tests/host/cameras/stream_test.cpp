@@ -9,26 +9,6 @@ namespace {
 using usb::Ticks;
 using usb::TransferStatus;
 
-// Every format of every model, in transfers as long as the payload and in shorter ones.
-TEST(Stream, ReassemblesToTheExpectedFrame) {
-    for (const CameraListing &listing : ListCameras()) {
-        const auto camera = Make(listing.name + ",mark=on");
-        ASSERT_TRUE(Configure(*camera));
-        for (const StreamFormat &format : camera->Function().formats) {
-            const StreamFrame &frame = format.frames.back();
-            ASSERT_TRUE(Commit(*camera, format.index, frame.index, 0));
-            const StreamState state = camera->CommittedFormat();
-            const std::size_t sizes[] = {state.maxPayloadSize, 65536, 1 << 23};
-            for (std::uint64_t number = 0; number < 3; ++number) {
-                const Bytes bytes = ReadFrame(*camera, static_cast<Ticks>(number) * state.interval, sizes[number]);
-                EXPECT_EQ(bytes.size(), frame.bytes);
-                EXPECT_TRUE(bytes == camera->ExpectedFrame(format.index, frame.index, number))
-                    << listing.name << " format " << int{format.index} << " frame number " << number;
-            }
-        }
-    }
-}
-
 TEST(Stream, HeadersAndPayloadSizes) {
     const struct {
         const char *options;
@@ -175,24 +155,6 @@ TEST(Stream, ResetOfThePipeForgetsHalfAFrame) {
     EXPECT_FALSE(ReadFrame(*camera, 0).empty());
     EXPECT_FALSE(ReadFrame(*camera, 0).empty());
     EXPECT_TRUE(ReadFrame(*camera, 0).empty());
-}
-
-TEST(Stream, NeedsAConfigurationAndTheRightEndpoint) {
-    const auto camera = Make("sim:generic");
-    Bytes buffer(65536);
-    EXPECT_EQ(camera->BulkIn(0x81, buffer, 0).status, TransferStatus::Stall);
-    ASSERT_TRUE(Configure(*camera));
-    EXPECT_EQ(camera->BulkIn(0x82, buffer, 0).status, TransferStatus::Stall);
-    EXPECT_EQ(camera->BulkIn(0x81, buffer, 0).status, TransferStatus::Ok);
-    // Halted by the host, until the halt is cleared.
-    EXPECT_TRUE(Set(*camera, 0x02, 3, 0, 0x81));
-    EXPECT_EQ(Get(*camera, 0x82, 0, 0, 0x81, 2), (Bytes{1, 0}));
-    EXPECT_EQ(camera->BulkIn(0x81, buffer, 0).status, TransferStatus::Stall);
-    EXPECT_TRUE(Set(*camera, 0x02, 1, 0, 0x81));
-    EXPECT_EQ(camera->BulkIn(0x81, buffer, 400000).status, TransferStatus::Ok);
-    camera->ResetPort();
-    EXPECT_EQ(camera->BulkIn(0x81, buffer, 0).status, TransferStatus::Stall);
-    EXPECT_EQ(Get(*camera, 0x80, 8, 0, 0, 1), Bytes{0});
 }
 
 // A host that finds the camera in the state it wants neither probes nor commits.

@@ -1,8 +1,6 @@
 #include "tests/host/cameras/camera_harness.h"
 
 #include <atomic>
-#include <cstdio>
-#include <fstream>
 
 namespace host::cameras {
 namespace {
@@ -113,30 +111,6 @@ TEST(VendorRequests, OfTheFeaturesStallAtTheirLimits) {
     }
 }
 
-TEST(VendorRequests, RegistersHoldUntilPowerUp) {
-    const auto camera = Make("sim:8205");
-    EXPECT_EQ(Get(*camera, kIn, 0x27, 0, 3, 4), (Bytes{0, 0, 0, 0}));
-    for (std::uint8_t i = 0; i < 16; ++i)
-        ASSERT_TRUE(Set(*camera, kOut, 0x28, 0, i, {i, 0x22, 0x33, 0xF4}));
-    for (std::uint8_t i = 0; i < 16; ++i)
-        EXPECT_EQ(Get(*camera, kIn, 0x27, 0, i, 4), (Bytes{i, 0x22, 0x33, 0xF4}));
-    camera->ResetPort();
-    EXPECT_EQ(Get(*camera, kIn, 0x27, 0, 15, 4), (Bytes{0, 0, 0, 0}));
-}
-
-TEST(UserData, SurvivesPowerUntilItIsCleared) {
-    const auto camera = Make("sim:8201");
-    EXPECT_EQ(ReadStore(*camera), Bytes(16384, 0xFF));
-    ASSERT_TRUE(Set(*camera, kOut, 0x25, 4095, 0, {1, 2, 3}));
-    camera->ResetPort();
-    EXPECT_EQ(Get(*camera, kIn, 0x24, 4094, 0, 5), (Bytes{0xFF, 1, 2, 3, 0xFF}));
-    EXPECT_EQ(camera->UserData(), ReadStore(*camera));
-    ASSERT_TRUE(Set(*camera, kOut, 0x26, 0, 0));
-    EXPECT_EQ(ReadStore(*camera), Bytes(16384, 0xFF));
-    camera->SetUserData(Bytes{7, 8});
-    EXPECT_EQ(Get(*camera, kIn, 0x24, 0, 0, 3), (Bytes{7, 8, 0xFF}));
-}
-
 // What the frames show and what the lists name must be the same pixels, at each binning.
 TEST(UserData, IsShippedWithTheDefectsAsTheSensorShowsThem) {
     for (const char *name : {"sim:8205", "sim:8202"}) {
@@ -177,26 +151,6 @@ TEST(UserData, IsShippedWithTheDefectsAsTheSensorShowsThem) {
     }
     EXPECT_EQ(Make("sim:8202,defects=600")->UserData()[18] | Make("sim:8202,defects=600")->UserData()[19] << 8, 256);
     EXPECT_FALSE(Get(*Make("sim:8207,defects=5"), kIn, 0x24, 0, 0, 4));
-}
-
-TEST(UserData, ComesAsTheOptionSays) {
-    // The checksum of a list with one pixel, as another implementation of it says.
-    const Bytes one = EncodeDefectLists(std::vector<DefectList>{{2, {{3, 260}}}});
-    EXPECT_EQ(one, (Bytes{'U', 'D', 'S', 'T', 1, 0, 1, 0, 8, 0, 0, 0, 0xCD, 0x51, 0x85, 0xED, 2, 0, 1, 0, 3, 0, 4, 1}));
-    const Bytes good = Make("sim:8201,defects=3")->UserData();
-    const Bytes corrupt = Make("sim:8201,defects=3,store=corrupt")->UserData();
-    for (std::size_t i = 0; i < good.size(); ++i)
-        EXPECT_EQ(corrupt[i], good[i] ^ (i == 12 ? 1 : 0));
-    EXPECT_EQ(Make("sim:8201,defects=3,store=empty")->UserData(), Bytes(16384, 0xFF));
-
-    const std::string path =
-        testing::TempDir() + "store-" + testing::UnitTest::GetInstance()->current_test_info()->name();
-    std::ofstream(path, std::ios::binary) << "UDST?";
-    EXPECT_EQ(Get(*Make("sim:8201,store=" + path), kIn, 0x24, 0, 0, 6), (Bytes{'U', 'D', 'S', 'T', '?', 0xFF}));
-    std::remove(path.c_str());
-    std::string reason;
-    EXPECT_EQ(MakeCamera("sim:8201,store=" + path, reason), nullptr);
-    EXPECT_EQ(reason, path + ": cannot be read");
 }
 
 TEST(Trigger, EachRequestMakesOneExposure) {

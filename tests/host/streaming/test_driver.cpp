@@ -244,34 +244,6 @@ constexpr KSPROPERTY_VALUES kValues{.PropTypeSet = {.Set = kTypeGeneral, .Id = 3
 
 constexpr KSPROPERTY kRelation{.Set = kTestSet, .Id = kReadOnly, .Flags = 0};
 
-// The values of kSavedSet, which begin in lower case.
-UCHAR saved[2][8] = {"abcdefg", "hijklmn"};
-
-NTSTATUS GetSaved(PIRP irp, PKSIDENTIFIER property, PVOID data) {
-    const auto &control = IoGetCurrentIrpStackLocation(irp)->Parameters.DeviceIoControl;
-    RtlCopyMemory(data, saved[property->Id - 1], control.OutputBufferLength);
-    irp->IoStatus.Information = control.OutputBufferLength;
-    return STATUS_SUCCESS;
-}
-
-NTSTATUS SetSaved(PIRP irp, PKSIDENTIFIER property, PVOID data) {
-    const auto &control = IoGetCurrentIrpStackLocation(irp)->Parameters.DeviceIoControl;
-    if (KSPROPERTY_ITEM_IRP_STORAGE(irp)->SerializedSize != control.OutputBufferLength)
-        return STATUS_DATA_ERROR;
-    RtlCopyMemory(saved[property->Id - 1], data, control.OutputBufferLength);
-    return STATUS_SUCCESS;
-}
-
-constexpr KSPROPERTY_ITEM SavedItem(ULONG id, ULONG size) {
-    return {.PropertyId = id,
-            .GetPropertyHandler = GetSaved,
-            .MinProperty = sizeof(KSPROPERTY),
-            .MinData = size,
-            .SetPropertyHandler = SetSaved,
-            .SerializedSize = size};
-}
-const KSPROPERTY_ITEM kSavedItems[] = {SavedItem(1, 4), SavedItem(2, 6), SavedItem(3, 0)};
-
 const KSPROPERTY_ITEM kItems[] = {
     {.PropertyId = kValue,
      .GetPropertyHandler = GetValue,
@@ -292,7 +264,6 @@ const KSPROPERTY_ITEM kItems[] = {
 };
 const KSPROPERTY_SET kSets[] = {
     {.Set = &kTestSet, .PropertiesCount = SIZEOF_ARRAY(kItems), .PropertyItem = kItems},
-    {.Set = &kSavedSet, .PropertiesCount = SIZEOF_ARRAY(kSavedItems), .PropertyItem = kSavedItems},
 };
 const KSAUTOMATION_TABLE kAutomation{
     .PropertySetsCount = SIZEOF_ARRAY(kSets), .PropertyItemSize = sizeof(KSPROPERTY_ITEM), .PropertySets = kSets};

@@ -23,16 +23,13 @@ inline constexpr GUID kSubYuy2 = MakeGuid(0x32595559, 0, 0x10, 0x80, 0, 0, 0xAA,
 
 // Ids of kTestSet.
 enum TestProperty : ULONG {
-    kValue = 1, // get and set of a ULONG behind the header; MinProperty 32, MinData 32; range 10..90 step 5, default
-                // 50; related to kReadOnly; SerializedSize 32
-    kReadOnly = 2,  // get only, no MinData
-    kNothing = 3,   // no handler
+    kValue = 1,    // get and set of a ULONG behind the header; MinProperty 32, MinData 32; range 10..90 step 5, default
+                   // 50; related to kReadOnly; SerializedSize 32
+    kReadOnly = 2, // get only, no MinData
+    kNothing = 3,  // no handler
     kSupported = 4, // a support handler that answers access flags of its own
     kEcho = 5,      // get: the bytes behind the property; shows the captured layout
 };
-
-// A set that can be serialized: ids 1 and 2 are kept in 4 and 6 bytes, id 3 is not.
-inline constexpr GUID kSavedSet = MakeGuid(0x5B6E3F12, 0x1D2C, 0x4A7B, 0x91, 0x02, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66);
 
 // What a test may put in. Each is called, when set, in place of or before what the driver does.
 struct Hooks {
