@@ -144,7 +144,7 @@ TEST(AutoExposureLimits, GainTakesOverAtTheLimit) {
 
     // What an application sets stays, and the other automatic goes on.
     capture.Set(PROPSETID_VIDCAP_VIDEOPROCAMP, KSPROPERTY_VIDEOPROCAMP_GAIN, 64);
-    capture.Set(PROPSETID_PRIVATE_IMAGE, kCameraExposureId, 200);
+    capture.Set(PROPSETID_PRIVATE_IMAGE, kCameraExposureId, 300);
     capture.TakeSets(kTerminal, 4);
     capture.Watch(40);
     EXPECT_EQ(capture.TakeSets(kTerminal, 4), std::vector<LONG>{});
