@@ -1,12 +1,9 @@
 #include "camera/balance_law.h"
-#include "camera/exposure_law.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <memory>
-#include <random>
 #include <vector>
 
 using namespace uvc;
@@ -22,10 +19,6 @@ std::unique_ptr<ColourSamples> Samples(const std::vector<imaging::ColourSample> 
     samples->count = static_cast<std::uint32_t>(list.size());
     CountColours(*samples);
     return samples;
-}
-
-int Spread(const ColourMeans &means) {
-    return std::max({means.red, means.green, means.blue}) - std::min({means.red, means.green, means.blue});
 }
 
 } // namespace
@@ -89,52 +82,4 @@ TEST(ColourBrightness, IsTakenBehindTheMatrix) {
     EXPECT_EQ(ColourBrightness(*samples, {64, 64, 64}, &kMatrix), (76u * 89 + 150 * 9 + 29 * 250) / 256);
     EXPECT_EQ(ColourBrightness(*samples, {300, -1, 64}, nullptr), (76u * 255 + 29 * 200) / 256);
     EXPECT_EQ(ColourBrightness(*Samples({}), {64, 64, 64}, &kMatrix), 0u);
-}
-
-// A textured grey scene under coloured light: the means come within 2 of each other, whether or not that counts as
-// converged.
-TEST(BalanceLoop, BalancesCasts) {
-    for (const auto &[red, green, blue] : {std::tuple{1.0, 1.0, 1.0},
-                                           {0.27, 1.0, 1.0},
-                                           {1.0, 1.0, 0.27},
-                                           {0.5, 0.27, 1.0},
-                                           {0.6, 1.0, 0.45},
-                                           {1.0, 0.8, 0.3}}) {
-        std::minstd_rand random(7);
-        std::vector<imaging::ColourSample> scene(1200);
-        for (auto &[r, g, b] : scene) {
-            const double level = 60 + static_cast<double>(random() % 120);
-            r = static_cast<std::uint8_t>(level * red);
-            g = static_cast<std::uint8_t>(level * green);
-            b = static_cast<std::uint8_t>(level * blue);
-        }
-        const auto samples = Samples(scene);
-        ColourGains gains{64, 64, 64};
-        for (int step = 0; step < 9; ++step)
-            gains = BalanceStep(*samples, gains).gains;
-        EXPECT_EQ(BalanceStep(*samples, gains).gains, gains);
-        EXPECT_LE(Spread(MeanColours(*samples, gains)), 2) << red << " " << green << " " << blue;
-    }
-}
-
-// Exposure changes what is balanced, and balance what is exposed for.
-TEST(BalanceLoop, SettlesTogetherWithTheExposure) {
-    for (const LONG start : {50, 400, 3200}) {
-        ExposureState exposure{.minimum = 1, .current = start, .autoMaximum = 20000};
-        ColourGains gains{64, 64, 64};
-        Balance balance{};
-        const auto expose = [&](double reflectance) {
-            return static_cast<std::uint8_t>(std::min(255.0, reflectance * exposure.current));
-        };
-        for (int step = 0; step < 20; ++step) {
-            balance = BalanceStep(*Samples({{expose(0.2), expose(0.32), expose(0.16)}}), gains);
-            if (step == 19) {
-                EXPECT_EQ(balance.gains, gains) << start;
-                EXPECT_EQ(ExposureStep(exposure, {}, balance.brightness).exposure, exposure.current) << start;
-            }
-            gains = balance.gains;
-            exposure.current = ExposureStep(exposure, {}, balance.brightness).exposure;
-        }
-        EXPECT_TRUE(balance.brightness >= 121 && balance.brightness <= 130) << balance.brightness;
-    }
 }

@@ -1,11 +1,9 @@
 #include "camera/camera_family_c.h"
 #include "camera/colour_correction.h"
-#include "imaging/conversion.h"
 #include "tests/camera/plugged_camera.h"
 
 #include <cstring>
 #include <limits>
-#include <random>
 
 namespace uvc::camera_test {
 namespace {
@@ -83,69 +81,6 @@ TEST(CameraFamilies, SendModeAndRateAfterACommit) {
         format.AvgTimePerFrame = test.interval;
         plugged.camera.OnCommitted(format);
         EXPECT_EQ(plugged.TakeVendorRequests(), test.requests);
-    }
-}
-
-// Output frames against the conversion called directly with the source named by hand.
-TEST(CameraFamilies, ConvertWithTheirColoursNamed) {
-    constexpr ULONG kWidth = 64, kHeight = 48;
-    const std::int16_t matrix[] = {90, -13, -13, -13, 90, -13, -13, -13, 90};
-    const imaging::GainRecord unity{.minimum = 0, .maximum = 255, .defaultValue = 64, .current = 64, .automatic = true};
-    const imaging::GainRecords gains{.blue = unity, .red = unity, .green = unity};
-    struct Case {
-        const char *text;
-        ULONG sourceFormat;
-        ULONG destinationFormat;
-        ULONG namedFormat; // 0: monochrome
-    };
-    const Case cases[] = {
-        {"sim:8102", imaging::kFourCcBayer8, imaging::kFourCcRgb24, imaging::kFourCcBayerRg},
-        {"sim:8102", imaging::kFourCcGrey8, imaging::kFourCcRgb32, imaging::kFourCcBayerRg},
-        {"sim:8102", imaging::kFourCcBayer8, imaging::kFourCcGrey8, imaging::kFourCcGrey8},
-        {"sim:8201", imaging::kFourCcBayer8, imaging::kFourCcRgb32, imaging::kFourCcBayerBg},
-        {"sim:8203", imaging::kFourCcBayer8, imaging::kFourCcRgb32, imaging::kFourCcBayerGb},
-        {"sim:8205", imaging::kFourCcGrey8, imaging::kFourCcRgb24, imaging::kFourCcBayerGr},
-        {"sim:8205", imaging::kFourCcGrey8, imaging::kFourCcBayer8, imaging::kFourCcGrey8},
-        {"sim:8202", imaging::kFourCcGrey8, imaging::kFourCcRgb24, 0},
-        {"sim:8204", imaging::kFourCcGrey8, imaging::kFourCcGrey8, 0},
-    };
-    std::vector<std::uint8_t> pixels(kWidth * kHeight);
-    std::mt19937 random(1);
-    for (std::uint8_t &pixel : pixels)
-        pixel = static_cast<std::uint8_t>(random());
-
-    for (const Case &test : cases) {
-        SCOPED_TRACE(std::string(test.text) + ' ' + std::to_string(test.destinationFormat));
-        const ULONG bytesPerPixel = test.destinationFormat == imaging::kFourCcRgb24   ? 3
-                                    : test.destinationFormat == imaging::kFourCcRgb32 ? 4
-                                                                                      : 1;
-        auto describe = [&](std::vector<std::uint8_t> &bytes, ULONG format, ULONG pixelBytes) {
-            return imaging::ImageDescriptor{.data = bytes.data(),
-                                            .size = static_cast<ULONG>(bytes.size()),
-                                            .fourcc = format,
-                                            .width = kWidth,
-                                            .height = kHeight,
-                                            .stride = kWidth * pixelBytes};
-        };
-        std::vector<std::uint8_t> expected(kWidth * kHeight * bytesPerPixel), frame(expected.size());
-        auto source = describe(pixels, test.namedFormat, 1);
-        auto destination = describe(expected, test.destinationFormat, bytesPerPixel);
-        constexpr ULONG kFlags = imaging::kOrientation;
-        if (test.namedFormat != 0) {
-            imaging::ConvertColourFrame(destination, source, matrix, gains,
-                                        kFlags | imaging::kApplyMatrix | imaging::kApplyGains);
-        } else {
-            imaging::ConvertMonoFrame(destination, source, kFlags);
-        }
-
-        PluggedCamera plugged(test.text);
-        ControlValueBlock manual{.property = {}, .value = 0, .flags = kControlManual, .capabilities = 0};
-        plugged.camera.SetControl(kVideoProcAmpSet, KSPROPERTY_VIDEOPROCAMP_WHITEBALANCE, kControlValue, &manual,
-                                  sizeof(manual)); // the gains stay as they are; a monochrome camera has none
-        source.fourcc = test.sourceFormat;
-        destination.data = frame.data();
-        plugged.camera.ConvertFrame(destination, source, kFlags);
-        EXPECT_EQ(frame, expected);
     }
 }
 

@@ -388,19 +388,5 @@ TEST(Controls, StandForTheControlsOfTheirTable) {
     }
 }
 
-// A camera without the entity has none of its items.
-TEST(Controls, AreAbsentWithTheirEntity) {
-    auto device = std::make_shared<ControlDevice>(Bytes{0x28}, Bytes{}, Bytes{});
-    device->controls[{kTerminal, 4}] = device->controls[{kTerminal, 6}] = {};
-    PluggedDevice plugged(device);
-    ASSERT_EQ(plugged.camera->Initialise(), STATUS_SUCCESS);
-    std::string present;
-    for (ULONG set = 0; set < 10; ++set)
-        for (ULONG id = 0; id < 300; ++id)
-            if (plugged.camera->ItemExists(set, id))
-                present += std::to_string(set) + '/' + std::to_string(id) + ' ';
-    EXPECT_EQ(present, "4/4 4/6 5/109 ");
-}
-
 } // namespace
 } // namespace uvc::camera_test

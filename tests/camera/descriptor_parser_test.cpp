@@ -223,34 +223,5 @@ TEST(DescriptorParser, TakesTheFirstEntityOfEachKind) {
     EXPECT_EQ(Bytes(controls.begin(), controls.end()), (Bytes{0x12, 0x34}));
 }
 
-TEST(DescriptorParser, ReadsBothKindsOfFrame) {
-    for (bool frameBased : {false, true}) {
-        SCOPED_TRACE(frameBased);
-        Bytes bytes = kControlPart + Interface(1) + Format(4, frameBased, "BY8 ", 8) +
-                      Frame(7, 2592, 1944, 2, {500000, 361000}, frameBased, 666666);
-        Parsed parsed(bytes);
-        const UCHAR *formatBytes = nullptr;
-        const UCHAR *frameBytes = nullptr;
-        ASSERT_TRUE(FindDescribedFrame(parsed.block, 4, 7, formatBytes, frameBytes));
-        EXPECT_EQ(parsed.block.formats[0].frameBased, frameBased ? 1 : 0);
-        FormatDescription format;
-        ASSERT_TRUE(ReadFormatDescriptor(formatBytes, format));
-        EXPECT_EQ(format.subtype.Data1, 0x20385942u);
-        EXPECT_EQ(format.subtype.Data3, 0x0010);
-        EXPECT_EQ(format.subtype.Data4[7], 0x71);
-        EXPECT_EQ(format.bitsPerPixel, 8);
-        FrameDescription frame;
-        ASSERT_TRUE(ReadFrameDescriptor(frameBytes, frame));
-        EXPECT_EQ(frame.width, 2592);
-        EXPECT_EQ(frame.height, 1944);
-        EXPECT_EQ(frame.defaultInterval, 666666u);
-        EXPECT_FALSE(frame.continuous);
-        EXPECT_EQ(frame.intervals.U32(), 500000u);
-        EXPECT_EQ(frame.intervals.U32(), 361000u);
-        EXPECT_FALSE(FindDescribedFrame(parsed.block, 4, 1, formatBytes, frameBytes));
-        EXPECT_FALSE(FindDescribedFrame(parsed.block, 7, 7, formatBytes, frameBytes));
-    }
-}
-
 } // namespace
 } // namespace uvc::camera_test

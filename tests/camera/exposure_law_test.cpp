@@ -2,9 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <deque>
-
 using namespace uvc;
 
 namespace {
@@ -113,93 +110,4 @@ TEST(ExposureStep, SurvivesAnyStoredValue) {
         EXPECT_EQ(ExposureStep(states.exposure, states.gain, mean).exposure, want)
             << reference << " " << current << " " << limit << " " << mean;
     }
-}
-
-namespace {
-
-// Brightness in proportion to exposure times gain; a setting shows `delay` steps after it was sent.
-struct Loop {
-    Loop(Automatics automatics, double brightnessPerUnit, LONG exposure, LONG gain, ULONG delay)
-        : states(States(automatics, exposure, gain)), brightness(brightnessPerUnit),
-          sent(delay + 1, ExposureAndGain{exposure, gain}) {
-        states.exposure.autoMaximum = 20000;
-        states.exposure.minimum = 1;
-    }
-
-    ULONG Mean() const {
-        const double mean = brightness * sent.front().exposure * sent.front().gain / 8;
-        return mean > 255 ? 255 : static_cast<ULONG>(mean);
-    }
-
-    void Step() {
-        const ExposureAndGain next = ExposureStep(states.exposure, states.gain, Mean());
-        states.exposure.current = next.exposure;
-        states.gain.current = next.gain;
-        sent.pop_front();
-        sent.push_back(next);
-    }
-
-    // Steps until nothing has changed for `quiet` steps; more than `most` if it never rests.
-    ULONG StepsToRest(ULONG most) {
-        ULONG rest = 0;
-        for (ULONG step = 1; step <= 2 * most + 20; ++step) {
-            const ExposureAndGain before = sent.back();
-            Step();
-            if (sent.back() != before)
-                rest = step;
-        }
-        return rest;
-    }
-
-    Pair states;
-    double brightness;
-    std::deque<ExposureAndGain> sent;
-};
-
-} // namespace
-
-TEST(ExposureLoop, ExposureAloneSettlesDespiteDelay) {
-    struct Case {
-        ULONG delay, mostSteps;
-        LONG smallestWanted;
-        ULONG lowestMean;
-    };
-    for (const auto &[delay, mostSteps, smallestWanted, lowestMean] :
-         {Case{0, 16, 200, 125}, {0, 16, 64, 121}, {1, 17, 200, 121}, {2, 36, 200, 121}, {3, 80, 200, 121}}) {
-        for (LONG wanted = smallestWanted; wanted < 2400; wanted = wanted * 9 / 8) {
-            for (const auto &[numerator, denominator] : {std::pair{1, 8}, {8, 1}, {1, 2}, {3, 2}, {1, 1}}) {
-                Loop loop(kExposureOnly, 128.0 / wanted, wanted * numerator / denominator, 8, delay);
-                EXPECT_LE(loop.StepsToRest(mostSteps), mostSteps)
-                    << wanted << " " << numerator << "/" << denominator << " delay " << delay;
-                EXPECT_TRUE(loop.Mean() >= lowestMean && loop.Mean() <= 130) << wanted << " mean " << loop.Mean();
-            }
-        }
-    }
-}
-
-TEST(ExposureLoop, ExposureAloneDoesNotOvershoot) {
-    for (const LONG start : {50, 3200}) {
-        Loop loop(kExposureOnly, 128.0 / 400, start, 8, 0);
-        for (int step = 0; step < 20; ++step) {
-            const LONG before = loop.sent.back().exposure;
-            loop.Step();
-            EXPECT_TRUE(start < 400 ? loop.sent.back().exposure >= before : loop.sent.back().exposure <= before);
-        }
-    }
-}
-
-// Dropping the gain to its floor needs the next measurement to show it: one step of delay and it drops and climbs for
-// ever. Hence the interval between measurements.
-TEST(ExposureLoop, GainSettlesOnlyWithoutDelay) {
-    for (const LONG wanted : {40, 50, 60}) {
-        for (const LONG start : {8, 20, 63}) {
-            for (const Automatics automatics : {kGainOnly, kBoth}) {
-                Loop loop(automatics, 128.0 / 20000 / wanted * 8, 20000, start, 0);
-                EXPECT_LE(loop.StepsToRest(16), 16u) << wanted << " from " << start;
-                EXPECT_TRUE(loop.Mean() >= 118 && loop.Mean() <= 130) << wanted << " mean " << loop.Mean();
-            }
-        }
-    }
-    Loop delayed(kGainOnly, 128.0 / 20000 / 40 * 8, 20000, 8, 1);
-    EXPECT_GT(delayed.StepsToRest(200), 400u);
 }

@@ -151,56 +151,5 @@ TEST_F(FamilyAControlsTest, HandOnWhatTheCameraAnswers) {
     }
 }
 
-// The simulated cameras of the family speak the same protocol.
-TEST(FamilyAControls, WorkOnTheSimulatedCameras) {
-    for (const char *text : {"sim:8101", "sim:8102"}) {
-        SCOPED_TRACE(text);
-        PluggedCamera plugged(text);
-        ControlExtendedBlock block{};
-        auto get = [&](ULONG set, ULONG id) {
-            return plugged.camera.GetControl(set, id, kControlExtendedValue, &block, sizeof(block));
-        };
-        auto set = [&](ULONG propertySet, ULONG id, LONG value, ULONG flags) {
-            block.value = value;
-            block.flags = flags;
-            return plugged.camera.SetControl(propertySet, id, kControlExtendedValue, &block, sizeof(block));
-        };
-        for (ULONG id : {106, 109, 115, 201, 202, 213})
-            EXPECT_EQ(get(kPrivateImageSet, id), STATUS_SUCCESS) << id;
-        EXPECT_EQ(set(kPrivateImageSet, 107, 1, 0), STATUS_SUCCESS);
-        EXPECT_EQ(set(kCameraControlSet, KSPROPERTY_CAMERACONTROL_EXPOSURE, -3, kControlAutomatic), STATUS_SUCCESS);
-        EXPECT_EQ(get(kPrivateImageSet, 109), STATUS_SUCCESS);
-        EXPECT_EQ(block.flags, ULONG{kControlAutomatic});
-        EXPECT_EQ(set(kPrivateImageSet, 115, 0, 0), STATUS_SUCCESS);
-        EXPECT_EQ(get(kPrivateImageSet, 115), STATUS_SUCCESS);
-        EXPECT_EQ(block.value, 1);
-        EXPECT_EQ(block.flags, 0u);
-    }
-}
-
-// No memory for the list of providers: the start fails, and the next one works.
-TEST(FamilyAControls, FailTheStartWithoutMemoryForProviders) {
-    PluggedDevice plugged{Simulated("sim:8101")};
-    host::Runtime &runtime = plugged.runtime;
-    runtime.Arm({});
-    ASSERT_EQ(plugged.camera->Initialise(), STATUS_SUCCESS);
-    const auto visits = runtime.Faults().Visits(host::FaultSite::PoolAllocation);
-    const auto use = runtime.OutstandingPool();
-    unsigned starved = 0;
-    for (std::uint64_t nth = 1; nth <= visits; ++nth) {
-        host::FaultPlan plan;
-        plan.FailNth(host::FaultSite::PoolAllocation, nth);
-        runtime.Arm(plan);
-        NTSTATUS status = plugged.camera->Initialise();
-        starved += status == STATUS_INSUFFICIENT_RESOURCES;
-        EXPECT_TRUE(NT_SUCCESS(status) || status == STATUS_INSUFFICIENT_RESOURCES) << nth;
-        EXPECT_TRUE(!NT_SUCCESS(status) || plugged.camera->FindOwner(kPrivateImageSet, 205)) << nth;
-    }
-    EXPECT_GE(starved, 4u); // eight providers grow the list four times
-    runtime.Arm({});
-    EXPECT_EQ(plugged.camera->Initialise(), STATUS_SUCCESS);
-    EXPECT_EQ(runtime.OutstandingPool().blocks, use.blocks);
-}
-
 } // namespace
 } // namespace uvc::camera_test

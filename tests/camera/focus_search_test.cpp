@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <optional>
-#include <random>
 #include <thread>
 #include <vector>
 
@@ -29,10 +28,7 @@ class Scene {
                  .stride = width};
     }
 
-    void Clear(ULONG noise) {
-        for (UCHAR &pixel : pixels_)
-            pixel = static_cast<UCHAR>(noise == 1 ? 10 : 10 + (random_() >> 8) % noise);
-    }
+    void Clear() { std::ranges::fill(pixels_, UCHAR{10}); }
 
     void Draw(ULONG tile, LONG sharpness) {
         for (ULONG y = 0; y < 128; ++y) {
@@ -45,7 +41,6 @@ class Scene {
 
   private:
     std::vector<UCHAR> pixels_;
-    std::minstd_rand random_{1};
 };
 
 // A frame each 10 ms until there is a target, for at most `frames`.
@@ -65,7 +60,7 @@ struct Result {
     int frames;
 };
 
-Result RunOnce(LONG start, LONG peak, ULONG noise) {
+Result RunOnce(LONG start, LONG peak) {
     FocusSearch search;
     search.SetMotor({.minimum = 0, .maximum = 1000});
     search.SetPosition(start);
@@ -74,7 +69,7 @@ Result RunOnce(LONG start, LONG peak, ULONG noise) {
     LONG target = 0;
     Result run{};
     while (search.Running() && run.frames < 1000) {
-        scene.Clear(noise);
+        scene.Clear();
         scene.Draw(0, kSharpest - std::abs(search.Position() - peak));
         if (search.Step(scene.image, 0, target)) {
             EXPECT_EQ(target, search.Position());
@@ -90,18 +85,10 @@ Result RunOnce(LONG start, LONG peak, ULONG noise) {
 TEST(FocusSearch, FindsThePeakOfAFallingScore) {
     for (LONG peak = 0; peak <= 1000; peak += 37) {
         for (const LONG start : {0, 1, 250, 500, 777, 1000}) {
-            const Result run = RunOnce(start, peak, 1);
+            const Result run = RunOnce(start, peak);
             EXPECT_LE(std::abs(run.position - peak), 5) << "from " << start << " to " << peak;
             EXPECT_LE(run.frames, 67) << "from " << start << " to " << peak;
         }
-    }
-}
-
-TEST(FocusSearch, ComesNearThePeakDespiteNoise) {
-    for (LONG peak = 100; peak <= 900; peak += 100) {
-        const Result run = RunOnce(500, peak, 4);
-        EXPECT_LE(std::abs(run.position - peak), 15) << peak;
-        EXPECT_LE(run.frames, 100) << peak;
     }
 }
 

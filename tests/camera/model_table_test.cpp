@@ -1,41 +1,11 @@
-#include "camera/camera_family_a.h"
-#include "camera/camera_family_b.h"
 #include "camera/camera_family_c_leaves.h"
-#include "camera/model_table.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <set>
 
 namespace uvc::camera_test {
 namespace {
-
-TEST(ModelTable, HasItsRowsInOrder) {
-    struct Row {
-        ULONG kind;
-        ULONG productId;
-        CameraFactory factory;
-    };
-    const Row rows[] = {
-        {1, 0x8101, MakeCamera<CameraFamilyA>},  {2, 0x8102, MakeCamera<CameraFamilyB>},
-        {2, 0x8201, MakeCamera<CameraFamilyC1>}, {2, 0x8202, MakeCamera<CameraFamilyC1>},
-        {2, 0x8203, MakeCamera<CameraFamilyC2>}, {2, 0x8204, MakeCamera<CameraFamilyC3>},
-        {2, 0x8207, MakeCamera<CameraFamilyC6>}, {2, 0x8205, MakeCamera<CameraFamilyC4>},
-        {2, 0x8206, MakeCamera<CameraFamilyC5>},
-    };
-    static_assert(std::size(rows) == kModelCount);
-    for (ULONG i = 0; i < kModelCount; ++i) {
-        EXPECT_EQ(ModelTable[i].kind, rows[i].kind) << i;
-        EXPECT_EQ(ModelTable[i].productId, rows[i].productId) << i;
-        EXPECT_EQ(ModelTable[i].factory, rows[i].factory) << i;
-        EXPECT_EQ(FindModel(rows[i].productId), &ModelTable[i]);
-        const UCHAR zeros[32] = {};
-        EXPECT_EQ(std::memcmp(ModelTable[i].reserved, zeros, sizeof(zeros)), 0);
-    }
-    for (ULONG unknown : {0u, 0x8000u, 0x8100u, 0x8103u, 0x8200u, 0x8208u, 0x18201u})
-        EXPECT_EQ(FindModel(unknown), nullptr) << unknown;
-}
 
 // The slot of a virtual operation in the common C++ ABI, where a pointer to it holds 1 + its offset in the table.
 template <class Operation> std::size_t SlotOf(Operation operation) {
