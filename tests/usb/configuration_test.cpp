@@ -39,37 +39,6 @@ class ConfigurationTest : public testing::Test {
     std::optional<ScriptedBus> on;
 };
 
-TEST_F(ConfigurationTest, SelectsEveryInterfaceAndKeepsWhatTheBusReturns) {
-    on.emplace(host::usb::PlugOptions{.maximumTransferSize = 0x54321}, [](ScriptedCamera &device) {
-        device.configuration = bus::CameraConfiguration(); // interface 1 has two alternate settings
-    });
-    UsbDeviceLink link(on->pdo);
-    for (int round = 0; round < 2; ++round) { // a second start finds the link filled
-        ASSERT_EQ(Configure(link), STATUS_SUCCESS);
-        EXPECT_EQ(on->device->TakeLog(),
-                  (std::vector<std::string>{"control 80 06 0100 0000 0012", "control 80 06 0200 0000 0209",
-                                            "control 00 09 0001 0000 0000", "control 01 0b 0000 0001 0000"}));
-        EXPECT_EQ(link.deviceDescriptor->idVendor, 0x1234);
-        EXPECT_EQ(link.configurationLength, on->device->configuration.size());
-        EXPECT_NE(link.configurationHandle, nullptr);
-        ASSERT_EQ(link.interfaceDescriptorCount, 3u);
-        const std::pair<UCHAR, UCHAR> expected[] = {{0, 0}, {1, 0}, {1, 1}};
-        for (int i = 0; i < 3; ++i) {
-            EXPECT_EQ(link.interfaceDescriptors[i]->bInterfaceNumber, expected[i].first);
-            EXPECT_EQ(link.interfaceDescriptors[i]->bAlternateSetting, expected[i].second);
-        }
-        ASSERT_EQ(link.interfaceSlotCount, 2u);
-        EXPECT_EQ(link.interfaceSlots[0]->Pipes[0].EndpointAddress, 0x83);
-        ASSERT_NE(link.StreamingPipe(), nullptr);
-        EXPECT_EQ(link.StreamingPipe()->EndpointAddress, 0x81);
-        EXPECT_EQ(link.StreamingPipe()->MaximumPacketSize, 512);
-        EXPECT_EQ(link.StreamingPipe()->MaximumTransferSize, 0x54321u);
-    }
-    EXPECT_EQ(UsbStoreInterfaceInformation(link, 2, link.interfaceSlots[1]), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(UsbStoreInterfaceInformation(link, 1, nullptr), STATUS_SUCCESS);
-    EXPECT_EQ(link.StreamingPipe(), nullptr);
-}
-
 TEST_F(ConfigurationTest, ReadsALongDescriptorAgainWithItsLength) {
     for (std::size_t total : {520, 521, 522, 3000}) {
         on.emplace();

@@ -241,41 +241,6 @@ TEST_F(FrameAssemblyTest, WithoutAThreadQueuedFramesAreCancelledAtTheEnd) {
     Finish();
 }
 
-TEST_F(FrameAssemblyTest, TheConversionIsTold) {
-    Prepare<WorkerCamera>(false, false);
-    auto &worker = static_cast<WorkerCamera &>(*camera);
-    struct Row {
-        ULONG compression;
-        USHORT bits;
-        LONG width, height;
-        ULONG fourcc, destinationWidth, destinationHeight, stride, flags;
-    };
-    const Row rows[] = {
-        {0, 32, 64, 64, imaging::kFourCcRgb32, 64, 64, 256, 0x00A50000},
-        {0, 24, 80, -50, imaging::kFourCcRgb24, 64, 50, 192, 0x00A50008},
-        {0, 8, 32, 64, imaging::kFourCcGrey8, 32, 64, 32, 0x00A50000},
-        {imaging::kFourCcYuy2, 16, 64, 100, imaging::kFourCcYuy2, 64, 64, 128, 0x00A50000},
-    };
-    camera->parameters.processorMask = 0xF0A5;
-    UCHAR fid = 0;
-    std::size_t count = 0;
-    for (const Row &row : rows) {
-        camera->stream.output.bmiHeader = {
-            .biWidth = row.width, .biHeight = row.height, .biBitCount = row.bits, .biCompression = row.compression};
-        EXPECT_EQ(Feed({fid, kEnd, 4096}, 1), STATUS_MORE_PROCESSING_REQUIRED);
-        sink->AwaitEvents(++count);
-        fid ^= 1;
-        EXPECT_EQ(worker.lastSource.fourcc, 0x20385942u);
-        EXPECT_EQ(worker.lastSource.stride, 64u);
-        EXPECT_EQ(worker.lastDestination.fourcc, row.fourcc);
-        EXPECT_EQ(worker.lastDestination.width, row.destinationWidth);
-        EXPECT_EQ(worker.lastDestination.height, row.destinationHeight);
-        EXPECT_EQ(worker.lastDestination.stride, row.stride);
-        EXPECT_EQ(worker.lastFlags, 0x00A50000u | (row.height < 0 ? 8 : 0));
-    }
-    Finish();
-}
-
 TEST_F(FrameAssemblyTest, PayloadsAreRefusedWhileStopping) {
     Prepare<UvcCamera>(false, false);
     camera->stream.stopping = 1;

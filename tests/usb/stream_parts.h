@@ -115,18 +115,13 @@ class WorkerCamera : public UvcCamera {
         stream.workerMode = true;
         KeInitializeEvent(&gate, NotificationEvent, TRUE);
     }
-    void ConvertFrame(imaging::ImageDescriptor &destination, imaging::ImageDescriptor &source, ULONG flags) override {
+    void ConvertFrame(imaging::ImageDescriptor &destination, imaging::ImageDescriptor &source, ULONG) override {
         EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
         Await(gate);
-        lastDestination = destination;
-        lastSource = source;
-        lastFlags = flags;
         std::memcpy(destination.data, source.data, std::min(destination.height, source.height) * source.stride);
     }
 
     KEVENT gate;
-    imaging::ImageDescriptor lastSource{}, lastDestination{};
-    ULONG lastFlags = 0;
 };
 
 struct CameraDeleter {

@@ -87,40 +87,6 @@ TEST_F(StreamTest, NegotiatesOnlyWhatIsNeeded) {
     negotiate(kInvalid, "");
 }
 
-TEST_F(StreamTest, DeliversDirectlyUntilItIsStopped) {
-    Open<UvcCamera>();
-    for (int round = 0; round < 2; ++round) {
-        const std::size_t before = sink.Events().size();
-        ASSERT_EQ(Start(), STATUS_SUCCESS);
-        EXPECT_EQ(camera->stream.lastFid, kFidUnknown);
-        for (UCHAR i = 0; i < 10; ++i)
-            SendFrame(i & 1, 10 + i);
-        on->device->Ring();
-        sink.AwaitEvents(before + 10);
-        EXPECT_EQ(StreamStop(*camera), STATUS_SUCCESS);
-        EXPECT_EQ(sink.Events()[before + 9], "19*4096");
-        EXPECT_EQ(camera->stream.delivered, 10u);
-        EXPECT_EQ(camera->stream.lastFid, kFidUnknown);
-        EXPECT_TRUE(sink.HasAllFrames());
-        EXPECT_EQ(StreamStop(*camera), STATUS_SUCCESS);
-    }
-    EXPECT_EQ(on->device->TakeLog().back(), "reset 81");
-}
-
-TEST_F(StreamTest, StopReleasesTheFrameBeingFilled) {
-    Open<UvcCamera>();
-    ASSERT_EQ(Start(), STATUS_SUCCESS);
-    SendFrame(0, 1);
-    Send(1, false, 100, 2);
-    on->device->Ring();
-    sink.AwaitEvents(1);
-    while (sink.HasAllFrames())
-        SleepMs(1);
-    StreamStop(*camera);
-    EXPECT_EQ(sink.Events(), (Events{"1*4096", "cancelled"}));
-    EXPECT_EQ(camera->stream.dropped, 1u);
-}
-
 TEST_F(StreamTest, WithoutAStreamingPipeNothingIsAsked) {
     Open<UvcCamera>();
     static_cast<void>(UsbStoreInterfaceInformation(*camera->link, kStreamingInterface, nullptr));
@@ -247,39 +213,6 @@ TEST_F(StreamTest, StopDeliversWhatTheWorkerHolds) {
         opener.Join();
         TearDown();
     }
-}
-
-TEST_F(StreamTest, RecoversFromBabbleOnTheBus) {
-    Open<UvcCamera>();
-    ASSERT_EQ(Start(), STATUS_SUCCESS);
-    SendFrame(0, 1);
-    on->device->Ring();
-    sink.AwaitEvents(1);
-    on->device->TakeLog();
-    on->device->Send({.status = TransferStatus::Babble, .bytes = Bytes(10)});
-    SendFrame(1, 2);
-    SendFrame(0, 3);
-    on->device->Ring();
-    sink.AwaitEvents(3);
-    EXPECT_EQ(on->device->TakeLog(), std::vector<std::string>{"reset 81"});
-    StreamStop(*camera);
-    EXPECT_EQ(sink.Events(), (Events{"1*4096", "2*4096", "3*4096"}));
-}
-
-TEST_F(StreamTest, EveryStalledTransferIsRetiredUntilTheNextStart) {
-    Open<UvcCamera>();
-    camera->parameters.transferCount = 2;
-    ASSERT_EQ(Start(), STATUS_SUCCESS);
-    on->device->Send({.status = TransferStatus::Stall});
-    on->device->Ring();
-    SleepMs(100);
-    SendFrame(0, 1); // the halted pipe has given both transfers back, and nobody resets it
-    on->device->Ring();
-    SleepMs(5000);
-    EXPECT_TRUE(sink.Events().empty());
-    ASSERT_EQ(Start(), STATUS_SUCCESS);
-    sink.AwaitEvents(1);
-    StreamStop(*camera);
 }
 
 TEST_F(StreamTest, AnUnpluggedCameraStopsAtOnce) {

@@ -156,16 +156,5 @@ TEST_F(UsbRequestTest, PipeRequestsShowOnlyBusyAndFailedSubmissions) {
     EXPECT_EQ(UsbPipeRequest(nullptr, &pipe, URB_FUNCTION_ABORT_PIPE), STATUS_INVALID_HANDLE);
 }
 
-TEST_F(UsbRequestTest, InternalControlCodesAreWaitedForWithoutTimeout) {
-    HoldEverything();
-    host::AttachedThread bus("bus", [&] {
-        SleepMs(30'000);
-        const Request request = lower.TakeHeld();
-        EXPECT_EQ(request.code, 0x220007u);
-        lower.Finish(request, STATUS_NO_SUCH_DEVICE);
-    });
-    EXPECT_EQ(UsbSendInternalIoctl(lower.Device(), IOCTL_INTERNAL_USB_RESET_PORT), STATUS_NO_SUCH_DEVICE);
-}
-
 } // namespace
 } // namespace uvc::usb_test
