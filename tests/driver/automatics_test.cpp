@@ -3,6 +3,7 @@
 #include "camera/control.h"
 #include "camera/control_id.h"
 #include "camera/property_set_guids.h"
+#include "host/client/control.h"
 #include "imaging/brightness.h"
 #include "imaging/colour_samples.h"
 #include "tests/driver/capture_rig.h"
@@ -38,24 +39,13 @@ class Capture {
     }
 
     void Set(const GUID &set, ULONG id, LONG value, ULONG flags = KSPROPERTY_VIDEOPROCAMP_FLAGS_MANUAL) {
-        struct {
-            KSPROPERTY property;
-            LONG value;
-            ULONG flags;
-            ULONG words[4];
-        } block{.property = {}, .value = value, .flags = flags, .words = {}};
-        EXPECT_EQ(rig.app.filter.SetBlock(set, id, {reinterpret_cast<std::uint8_t *>(&block), sizeof(block)}),
+        EXPECT_EQ(host::client::SetControl(rig.app.filter, {set, id}, {.value = value, .flags = flags}),
                   STATUS_SUCCESS);
     }
     LONG Get(const GUID &set, ULONG id) {
-        struct {
-            KSPROPERTY property;
-            LONG value;
-            ULONG words[5];
-        } block{};
-        EXPECT_EQ(rig.app.filter.GetBlock(set, id, {reinterpret_cast<std::uint8_t *>(&block), sizeof(block)}),
-                  STATUS_SUCCESS);
-        return block.value;
+        host::client::ControlSetting setting;
+        EXPECT_EQ(host::client::GetControl(rig.app.filter, {set, id}, setting), STATUS_SUCCESS);
+        return setting.value;
     }
 
     void Run() { ASSERT_EQ(rig.app.Run(), STATUS_SUCCESS); }
@@ -259,18 +249,6 @@ INSTANTIATE_TEST_SUITE_P(Automatics, Autofocus,
                              return "From" + std::to_string(info.param.start) + "To" +
                                     std::to_string(info.param.sharp) + (info.param.noise != 0 ? "Noisy" : "");
                          });
-
-TEST(AutofocusRuns, EndOnAFlatScene) {
-    Capture capture("sim:8205,scene=flat", kGrey, 640);
-    capture.Run();
-    capture.Set(PROPSETID_PRIVATE_IMAGE, kAutofocusId, 1);
-    capture.Watch(300);
-    const std::size_t moves = capture.TakeSets(kTerminal, 6).size();
-    EXPECT_GE(moves, 4u);
-    EXPECT_LE(moves, 30u);
-    capture.Watch(10);
-    EXPECT_EQ(capture.TakeSets(kTerminal, 6), std::vector<LONG>{});
-}
 
 // Whatever fails while the automatics are at work, and wherever in their work the stream is stopped or the cable
 // pulled: nothing is left behind, and the next capture works.

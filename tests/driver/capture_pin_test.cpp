@@ -2,7 +2,6 @@
 #include "camera/property_set_guids.h"
 #include "tests/driver/capture_rig.h"
 
-#include <cstring>
 #include <utility>
 
 namespace uvc::driver_test {
@@ -129,26 +128,6 @@ TEST_F(CapturePinTest, DroppedFramesAtTheFilterAreThoseOfTheConnectedPin) {
     ASSERT_EQ(rig.app.Run(), STATUS_SUCCESS);
     ExpectFrames(3);
     EXPECT_GE(Dropped(rig.app.filter).PictureNumber, 3);
-}
-
-// Parameters set by an application take effect in the frames: with the overlay on, the white box of the text appears.
-TEST_F(CapturePinTest, DriverParametersReachTheFrames) {
-    ULONG value = 1;
-    ASSERT_EQ(rig.app.filter.Property(PROPSETID_DRIVER_PARAMETER, 1, KSPROPERTY_TYPE_SET, {}, BytesOf(value)),
-              STATUS_SUCCESS);
-    value = 0;
-    ASSERT_EQ(rig.app.filter.Property(PROPSETID_DRIVER_PARAMETER, 1, KSPROPERTY_TYPE_GET, {}, BytesOf(value)),
-              STATUS_SUCCESS);
-    EXPECT_EQ(value, 1u);
-    EXPECT_EQ(rig.app.filter.Property(PROPSETID_DRIVER_PARAMETER, 14, KSPROPERTY_TYPE_GET, {}, BytesOf(value)),
-              STATUS_NOT_IMPLEMENTED);
-    ASSERT_EQ(rig.app.Run(), STATUS_SUCCESS);
-    host::client::Frame *frame = rig.app.Next();
-    ASSERT_TRUE(frame);
-    const auto stream = rig.camera->CommittedFormat();
-    const auto raw = rig.camera->ExpectedFrame(stream.formatIndex, stream.frameIndex, 0);
-    ASSERT_EQ(raw.size(), frame->Data().size());
-    EXPECT_NE(std::memcmp(raw.data(), frame->Data().data(), raw.size()), 0);
 }
 
 } // namespace

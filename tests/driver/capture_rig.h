@@ -35,6 +35,14 @@ inline std::shared_ptr<host::cameras::SimulatedCamera> Camera(const std::string 
     return camera;
 }
 
+// The names of all simulated models, "sim:8101" and so on.
+inline std::vector<std::string> ModelNames() {
+    std::vector<std::string> names;
+    for (const auto &camera : host::cameras::ListCameras())
+        names.push_back(camera.name);
+    return names;
+}
+
 // One application: a filter, a pin, its frames and a clock.
 class Application {
   public:

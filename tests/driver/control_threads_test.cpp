@@ -1,10 +1,10 @@
 // Two threads make property requests while a third streams: no frame is lost, and every control ends as it was set
 // last.
+#include "host/client/control.h"
 #include "tests/driver/capture_rig.h"
 #include "tests/driver/property_oracle.h"
 
 #include <algorithm>
-#include <cstring>
 
 namespace uvc::driver_test {
 
@@ -12,11 +12,11 @@ namespace {
 
 constexpr int kFrames = 60;
 constexpr int kRounds = 40;
+constexpr unsigned kParameterSet = 7; // as FilterItems counts them
 
 struct Control {
     unsigned set; // as FilterItems counts them
     ULONG id;
-    ULONG size;     // of its block; 4: a parameter
     LONG values[2]; // set in turn, the last one last
 };
 
@@ -65,27 +65,19 @@ class Requests {
     }
 
   private:
-    static constexpr std::size_t kLargest = 48;
-
     NTSTATUS Set(const Control &control, LONG value) {
-        if (control.size == sizeof(ULONG))
+        if (control.set == kParameterSet)
             return filter_.Property(SetOf(control.set), control.id, KSPROPERTY_TYPE_SET, {}, BytesOf(value));
-        KSPROPERTY_VIDEOPROCAMP_S block{};
-        block.Value = value;
-        block.Flags = KSPROPERTY_VIDEOPROCAMP_FLAGS_MANUAL;
-        std::uint8_t bytes[kLargest] = {};
-        std::memcpy(bytes, &block, sizeof(block));
-        return filter_.SetBlock(SetOf(control.set), control.id, host::client::Bytes(bytes, control.size));
+        return host::client::SetControl(filter_, {SetOf(control.set), control.id},
+                                        {.value = value, .flags = host::client::kControlManual});
     }
 
     NTSTATUS Get(const Control &control, LONG &value) {
-        if (control.size == sizeof(ULONG))
+        if (control.set == kParameterSet)
             return filter_.Property(SetOf(control.set), control.id, KSPROPERTY_TYPE_GET, {}, BytesOf(value));
-        std::uint8_t bytes[kLargest] = {};
-        NTSTATUS status = filter_.GetBlock(SetOf(control.set), control.id, host::client::Bytes(bytes, control.size));
-        KSPROPERTY_VIDEOPROCAMP_S block;
-        std::memcpy(&block, bytes, sizeof(block));
-        value = block.Value;
+        host::client::ControlSetting setting;
+        const NTSTATUS status = host::client::GetControl(filter_, {SetOf(control.set), control.id}, setting);
+        value = setting.value;
         return status;
     }
 
@@ -131,35 +123,32 @@ TEST_P(ControlThreads, LoseNoFrame) {
     other.Close();
 }
 
-constexpr ULONG kValue = 40, kExtended = 48, kWord = 4;
-
-INSTANTIATE_TEST_SUITE_P(Capture, ControlThreads,
-                         testing::Values(ThreadsCase{"Generic",
-                                                     "sim:generic",
-                                                     {{{3, KSPROPERTY_VIDEOPROCAMP_BRIGHTNESS, kValue, {-3, 40}},
-                                                       {3, KSPROPERTY_VIDEOPROCAMP_GAIN, kValue, {10, 200}},
-                                                       {5, 101, kExtended, {100, 300}},
-                                                       {7, 12, kWord, {1000, 2000}},
-                                                       {7, 18, kWord, {1, 0}}},
-                                                      {{3, KSPROPERTY_VIDEOPROCAMP_HUE, kValue, {-100, 1000}},
-                                                       {4, KSPROPERTY_CAMERACONTROL_ZOOM, kValue, {150, 350}},
-                                                       {5, 109, kExtended, {20, 400}},
-                                                       {7, 1, kWord, {1, 0}},
-                                                       {7, 26, kWord, {3, 5}}}}},
-                                         ThreadsCase{"FamilyC",
-                                                     "sim:8201,payload=32768",
-                                                     {{{3, KSPROPERTY_VIDEOPROCAMP_GAIN, kValue, {100, 200}},
-                                                       {7, 1, kWord, {1, 0}},
-                                                       {7, 14, kWord, {1, 2}},
-                                                       {7, 18, kWord, {1, 0}}},
-                                                      {{5, 109, kExtended, {20, 400}},
-                                                       {5, 214, kExtended, {7, 8}},
-                                                       {5, 212, kExtended, {0, 1}},
-                                                       {9, 10, kExtended, {2, 4}},
-                                                       {9, 12, kExtended, {1, 3}},
-                                                       {7, 17, kWord, {0, 1}},
-                                                       {7, 26, kWord, {6, 5}}}}}),
-                         [](const auto &info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(
+    Capture, ControlThreads,
+    testing::Values(
+        ThreadsCase{"Generic",
+                    "sim:generic",
+                    {{{3, KSPROPERTY_VIDEOPROCAMP_BRIGHTNESS, {-3, 40}},
+                      {3, KSPROPERTY_VIDEOPROCAMP_GAIN, {10, 200}},
+                      {5, 101, {100, 300}},
+                      {7, 12, {1000, 2000}},
+                      {7, 18, {1, 0}}},
+                     {{3, KSPROPERTY_VIDEOPROCAMP_HUE, {-100, 1000}},
+                      {4, KSPROPERTY_CAMERACONTROL_ZOOM, {150, 350}},
+                      {5, 109, {20, 400}},
+                      {7, 1, {1, 0}},
+                      {7, 26, {3, 5}}}}},
+        ThreadsCase{"FamilyC",
+                    "sim:8201,payload=32768",
+                    {{{3, KSPROPERTY_VIDEOPROCAMP_GAIN, {100, 200}}, {7, 1, {1, 0}}, {7, 14, {1, 2}}, {7, 18, {1, 0}}},
+                     {{5, 109, {20, 400}},
+                      {5, 214, {7, 8}},
+                      {5, 212, {0, 1}},
+                      {9, 10, {2, 4}},
+                      {9, 12, {1, 3}},
+                      {7, 17, {0, 1}},
+                      {7, 26, {6, 5}}}}}),
+    [](const auto &info) { return std::string(info.param.name); });
 
 } // namespace
 

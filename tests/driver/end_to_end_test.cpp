@@ -62,13 +62,6 @@ TEST_P(EveryModel, DeliversItsSensorInEveryRawFormat) {
     }
 }
 
-std::vector<std::string> ModelNames() {
-    std::vector<std::string> names;
-    for (const auto &camera : host::cameras::ListCameras())
-        names.push_back(camera.name);
-    return names;
-}
-
 INSTANTIATE_TEST_SUITE_P(Capture, EveryModel, testing::ValuesIn(ModelNames()),
                          [](const auto &info) { return info.param.substr(info.param.find(':') + 1); });
 

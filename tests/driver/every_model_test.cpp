@@ -138,13 +138,6 @@ TEST_P(EveryModelEndToEnd, CapturesSetsAdjustsStopsAndComesBack) {
     ASSERT_NO_FATAL_FAILURE(Capture(output, 3));
 }
 
-std::vector<std::string> ModelNames() {
-    std::vector<std::string> names;
-    for (const auto &camera : host::cameras::ListCameras())
-        names.push_back(camera.name);
-    return names;
-}
-
 INSTANTIATE_TEST_SUITE_P(Capture, EveryModelEndToEnd, testing::ValuesIn(ModelNames()),
                          [](const auto &info) { return info.param.substr(info.param.find(':') + 1); });
 

@@ -137,14 +137,7 @@ TEST_P(PropertySweep, ParametersThatDisconnect) {
     rig_.app.filter.Close();
 }
 
-std::vector<std::string> Models() {
-    std::vector<std::string> names;
-    for (const auto &camera : host::cameras::ListCameras())
-        names.push_back(camera.name);
-    return names;
-}
-
-INSTANTIATE_TEST_SUITE_P(Model, PropertySweep, testing::ValuesIn(Models()),
+INSTANTIATE_TEST_SUITE_P(Model, PropertySweep, testing::ValuesIn(ModelNames()),
                          [](const auto &info) { return info.param.substr(info.param.find(':') + 1); });
 
 } // namespace

@@ -1,53 +1,35 @@
 // Faults while a camera starts with saved settings and while a client gets and sets controls. Whatever fails, the
 // request says so, nothing is left behind, the saved settings stay, and the next start has them again.
+#include "host/client/control.h"
 #include "tests/driver/capture_rig.h"
 
 #include <algorithm>
-#include <cstring>
 
 namespace uvc::driver_test {
 
 namespace {
 
-constexpr GUID kImageSet = {0x70057F54, 0x0649, 0x425E, {0xBF, 0x47, 0xCC, 0x86, 0x21, 0x03, 0xB3, 0x3E}};
+using host::client::kControlAutomatic;
+using host::client::kControlManual;
+using host::client::kPrivateImageSet;
 
 struct Setting {
     const char *name;
-    const GUID *set;
-    ULONG id;
+    host::client::ControlId control;
     LONG value; // neither the camera's default nor its limit
     ULONG flags;
-    ULONG size; // of the block
 };
 
-constexpr ULONG kValueBlock = 40, kExtendedBlock = 48;
-constexpr ULONG kAutomatic = 1, kManual = 2;
-
 const Setting kSettings[] = {
-    {"brightness", &PROPSETID_VIDCAP_VIDEOPROCAMP, KSPROPERTY_VIDEOPROCAMP_BRIGHTNESS, 17, kManual, kValueBlock},
-    {"gain", &PROPSETID_VIDCAP_VIDEOPROCAMP, KSPROPERTY_VIDEOPROCAMP_GAIN, 99, kManual, kValueBlock},
-    {"hue", &PROPSETID_VIDCAP_VIDEOPROCAMP, KSPROPERTY_VIDEOPROCAMP_HUE, -250, kAutomatic, kValueBlock},
-    {"red", &kImageSet, 102, 400, kManual, kExtendedBlock},
-    {"exposure", &kImageSet, 109, 1234, kManual, kExtendedBlock},
+    {"brightness", {PROPSETID_VIDCAP_VIDEOPROCAMP, KSPROPERTY_VIDEOPROCAMP_BRIGHTNESS}, 17, kControlManual},
+    {"gain", {PROPSETID_VIDCAP_VIDEOPROCAMP, KSPROPERTY_VIDEOPROCAMP_GAIN}, 99, kControlManual},
+    {"hue", {PROPSETID_VIDCAP_VIDEOPROCAMP, KSPROPERTY_VIDEOPROCAMP_HUE}, -250, kControlAutomatic},
+    {"red", {kPrivateImageSet, 102}, 400, kControlManual},
+    {"exposure", {kPrivateImageSet, 109}, 1234, kControlManual},
 };
 
 NTSTATUS Set(host::client::Filter &filter, const Setting &setting) {
-    KSPROPERTY_VIDEOPROCAMP_S block{};
-    block.Value = setting.value;
-    block.Flags = setting.flags;
-    std::uint8_t bytes[kExtendedBlock] = {};
-    std::memcpy(bytes, &block, sizeof(block));
-    return filter.SetBlock(*setting.set, setting.id, host::client::Bytes(bytes, setting.size));
-}
-
-NTSTATUS Get(host::client::Filter &filter, const Setting &setting, LONG &value, ULONG &flags) {
-    std::uint8_t bytes[kExtendedBlock] = {};
-    NTSTATUS status = filter.GetBlock(*setting.set, setting.id, host::client::Bytes(bytes, setting.size));
-    KSPROPERTY_VIDEOPROCAMP_S block;
-    std::memcpy(&block, bytes, sizeof(block));
-    value = block.Value;
-    flags = block.Flags;
-    return status;
+    return host::client::SetControl(filter, setting.control, {.value = setting.value, .flags = setting.flags});
 }
 
 struct Fault {
@@ -85,21 +67,19 @@ class SettingsFaults : public testing::TestWithParam<Fault> {
 
     void Use(host::client::Filter &filter, const Setting &setting, bool exact) {
         SCOPED_TRACE(setting.name);
-        LONG value = 0;
-        ULONG flags = 0;
-        const NTSTATUS before = Get(filter, setting, value, flags);
-        Expect(before, exact);
+        host::client::ControlSetting found;
+        Expect(host::client::GetControl(filter, setting.control, found), exact);
         if (exact) {
-            EXPECT_EQ(value, setting.value) << "lost";
-            EXPECT_EQ(flags, setting.flags);
+            EXPECT_EQ(found.value, setting.value) << "lost";
+            EXPECT_EQ(found.flags, setting.flags);
         }
         const NTSTATUS set = Set(filter, setting);
         Expect(set, exact);
-        const NTSTATUS after = Get(filter, setting, value, flags);
+        const NTSTATUS after = host::client::GetControl(filter, setting.control, found);
         Expect(after, exact);
         // Where value and automatic mode take a request each, the status is that of the second.
-        if (setting.flags != kAutomatic && NT_SUCCESS(set) && NT_SUCCESS(after))
-            EXPECT_EQ(value, setting.value);
+        if (setting.flags != kControlAutomatic && NT_SUCCESS(set) && NT_SUCCESS(after))
+            EXPECT_EQ(found.value, setting.value);
     }
 
     void Expect(NTSTATUS status, bool exact) {

@@ -226,41 +226,6 @@ TEST_F(SettingsTest, WithoutMemoryForOneRow) {
     }
 }
 
-// The camera as it is, with its own controls, through pulled cable and fresh power.
-TEST(SettingsOfACamera, OutliveThePlug) {
-    const struct {
-        ULONG id;
-        LONG value;
-        ULONG flags;
-    } changes[] = {{KSPROPERTY_VIDEOPROCAMP_BRIGHTNESS, 37, 2},
-                   {KSPROPERTY_VIDEOPROCAMP_HUE, -11, 1},
-                   {KSPROPERTY_VIDEOPROCAMP_GAIN, 90, 2}};
-    host::client::Computer computer(DriverEntry);
-    for (int round = 0; round < 3; ++round) {
-        SCOPED_TRACE(round);
-        auto camera = Camera("sim:generic");
-        ASSERT_EQ(computer.PlugIn(camera), STATUS_SUCCESS);
-        Application app;
-        ASSERT_EQ(app.OpenFilter(), STATUS_SUCCESS);
-        for (const auto &change : changes) {
-            auto block = Standard(change.value, change.flags);
-            if (round == 0)
-                ASSERT_EQ(app.filter.SetBlock(PROPSETID_VIDCAP_VIDEOPROCAMP, change.id, BytesOf(block)),
-                          STATUS_SUCCESS);
-            block = {};
-            ASSERT_EQ(app.filter.GetBlock(PROPSETID_VIDCAP_VIDEOPROCAMP, change.id, BytesOf(block)), STATUS_SUCCESS);
-            EXPECT_EQ(std::make_tuple(block.value, block.flags), std::make_tuple(change.value, change.flags));
-        }
-        // What cannot be restored does not keep the device from starting.
-        Settings(computer.Pdo()).Write("Pan", 5);
-        app.filter.Close();
-        computer.Unplug();
-    }
-    // Another camera has settings of its own.
-    ASSERT_EQ(computer.PlugIn(Camera("sim:8101")), STATUS_SUCCESS);
-    EXPECT_EQ(Settings(computer.Pdo()).All(), "");
-}
-
 // Applications and a stream at once; ThreadSanitizer watches.
 TEST(SettingsOfACamera, AreSetByManyWhileItStreams) {
     constexpr int kRounds = 40;
