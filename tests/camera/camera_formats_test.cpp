@@ -94,8 +94,6 @@ TEST(CameraFormats, IntervalsComeFromTheDescriptorsOrTheFamilysLists) {
     };
     const Case cases[] = {
         {"sim:generic", 0, {STATUS_SUCCESS, video}},
-        {"sim:generic", 4, {STATUS_SUCCESS, video}},
-        {"sim:8101", 1, {STATUS_SUCCESS, {333333, 666666, 1000000, 2000000}}},
         {"sim:8102", 4, {STATUS_SUCCESS, {333333, 666666, 1000000, 2000000}}}, // a derived record
         {"sim:8201", 0, {STATUS_SUCCESS, {114942, 166666, 333333, 666666, 1333332, 2000000}}},
         {"sim:8201", 1, {STATUS_SUCCESS, {62500, 83333, 125000, 166666, 333333}}},
