@@ -92,3 +92,12 @@ if(TARGET uvcam_tests)
   add_dependencies(uvcam_tests uvcam)
   target_compile_definitions(uvcam_tests PRIVATE UVC_UVCAM="$<TARGET_FILE:uvcam>")
 endif()
+
+# What application writers are given compiles for Windows, as C and as C++.
+find_program(UVC_MINGW_GCC x86_64-w64-mingw32-gcc REQUIRED)
+foreach(dialect IN ITEMS "c;-std=c99" "c++;-std=c++17")
+  list(GET dialect 0 language)
+  list(GET dialect 1 standard)
+  add_test(NAME application_example_${language} COMMAND ${UVC_MINGW_GCC} -x ${language} ${standard} -Wall -Wextra -Werror
+    -I ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/docs/example.c -o application_example_${language}.exe -lsetupapi)
+endforeach()
