@@ -2,9 +2,9 @@
 
 #include "camera/control.h"
 #include "camera/control_id.h"
-#include "camera/property_set_guids.h"
 #include "platform/counted_string.h"
 #include "platform/pool.h"
+#include "uvc_drv/properties.h"
 
 namespace uvc {
 

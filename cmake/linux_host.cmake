@@ -8,7 +8,7 @@ find_package(GTest REQUIRED)
 find_package(benchmark REQUIRED)
 
 add_compile_options(${UVC_WARNINGS})
-include_directories(${PROJECT_SOURCE_DIR})
+include_directories(${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/include)
 
 # The platform headers for x86-64 Linux, with layouts identical to Windows.
 add_library(platform_headers INTERFACE)

@@ -25,7 +25,7 @@ list(APPEND CMAKE_CXX_COMPILE_OBJECT "${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR
 
 file(GLOB windows_sources CONFIGURE_DEPENDS platform/windows/*.cpp)
 add_library(uvc_drv_objects OBJECT ${UVC_DRIVER_SOURCES} ${windows_sources})
-target_include_directories(uvc_drv_objects PRIVATE ${PROJECT_SOURCE_DIR})
+target_include_directories(uvc_drv_objects PRIVATE ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/include)
 target_compile_definitions(uvc_drv_objects PRIVATE ${UVC_WINDOWS_VERSION} _AMD64_ _WIN64)
 target_compile_options(uvc_drv_objects PRIVATE ${UVC_WARNINGS}
   -fms-extensions -ffreestanding -fno-exceptions -fno-rtti -fno-threadsafe-statics -fno-stack-protector

@@ -1,12 +1,12 @@
 #include "driver/property_router.h"
 
-#include "camera/property_set_guids.h"
 #include "driver/capture_pin.h"
 #include "driver/property_handlers.h"
 #include "driver/uvc_device.h"
 #include "platform/guarded_call.h"
 #include "platform/lock.h"
 #include "platform/shared_field.h"
+#include "uvc_drv/properties.h"
 
 namespace uvc {
 

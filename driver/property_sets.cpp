@@ -1,8 +1,8 @@
 #include "driver/property_sets.h"
 
-#include "camera/property_set_guids.h"
 #include "driver/capture_pin.h"
 #include "driver/property_router.h"
+#include "uvc_drv/properties.h"
 
 namespace uvc {
 

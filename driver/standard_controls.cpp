@@ -1,9 +1,9 @@
 // The two standard property sets of camera controls.
 #include "camera/control_id.h"
-#include "camera/property_set_guids.h"
 #include "camera/uvc_camera.h"
 #include "driver/property_handlers.h"
 #include "driver/saved_settings.h"
+#include "uvc_drv/properties.h"
 
 namespace uvc {
 

@@ -10,8 +10,6 @@ namespace uvcam {
 namespace {
 
 using host::client::ControlSetting;
-using host::client::kControlAutomatic;
-using host::client::kControlManual;
 
 // Flags of the two triggers.
 constexpr ULONG kTriggerModes = 7;
@@ -81,14 +79,15 @@ void CheckOne(Session &session, const Assignment &assignment) {
     // The mode goes with a value: the one that is there.
     if (!NT_SUCCESS(control->status))
         session.Require(control->status, std::string("cannot read ") + row.name);
-    if (assignment.mode == Assignment::Automatic && (control->setting.capabilities & kControlAutomatic) == 0)
+    if (assignment.mode == Assignment::Automatic && (control->setting.capabilities & UVC_CONTROL_AUTOMATIC) == 0)
         throw Failure(ExitCode::NotOffered, std::string(row.name) + " of " + session.Name() + " has no automatic");
 }
 
 ControlSetting SettingOf(const Assignment &assignment, const CameraControl &control) {
     if (assignment.mode != Assignment::Value)
         return {.value = control.setting.value,
-                .flags = assignment.mode == Assignment::Automatic ? kControlAutomatic : kControlManual};
+                .flags = assignment.mode == Assignment::Automatic ? ULONG{UVC_CONTROL_AUTOMATIC}
+                                                                  : ULONG{UVC_CONTROL_MANUAL}};
     switch (assignment.row->kind) {
     case ControlKind::Trigger:
         return {.value = control.setting.value,
@@ -97,7 +96,7 @@ ControlSetting SettingOf(const Assignment &assignment, const CameraControl &cont
     case ControlKind::Pulse:
         return {.flags = assignment.value != 0 ? kTriggerPulse : 0};
     default:
-        return {.value = assignment.value, .flags = kControlManual};
+        return {.value = assignment.value, .flags = UVC_CONTROL_MANUAL};
     }
 }
 
@@ -131,7 +130,7 @@ void TellDifference(const Assignment &assignment, const CameraControl &control) 
 
 bool CameraControl::IsAutomatic() const {
     const bool isMode = row->kind != ControlKind::Trigger && row->kind != ControlKind::Pulse;
-    return isMode && (setting.flags & kControlAutomatic) != 0;
+    return isMode && (setting.flags & UVC_CONTROL_AUTOMATIC) != 0;
 }
 
 std::optional<LONG> CameraControl::Value() const {
@@ -153,7 +152,7 @@ std::optional<CameraControl> ReadControl(Session &session, const ControlRow &row
     ControlSetting twin;
     const ControlRow *other = FindControl(row.twin);
     if (other != nullptr && NT_SUCCESS(GetControl(session.Filter(), other->control, twin)))
-        control.setting.capabilities |= twin.capabilities & kControlAutomatic;
+        control.setting.capabilities |= twin.capabilities & UVC_CONTROL_AUTOMATIC;
     return control;
 }
 

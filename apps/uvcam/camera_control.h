@@ -19,7 +19,7 @@ struct CameraControl {
 
     bool IsAutomatic() const;
     // Only an automatic to switch: the driver balances colours by gains, not by a temperature.
-    bool HasNoValue() const { return setting.capabilities == host::client::kControlAutomatic; }
+    bool HasNoValue() const { return setting.capabilities == UVC_CONTROL_AUTOMATIC; }
     bool IsReadOnly() const { return (range.access & KSPROPERTY_TYPE_SET) == 0; }
     // As people see it: the switch of a Trigger, else the value. Nothing when there is none or it could not be read.
     std::optional<LONG> Value() const;

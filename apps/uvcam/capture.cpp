@@ -5,7 +5,7 @@
 #include "apps/uvcam/session.h"
 #include "apps/uvcam/stream.h"
 
-#include "host/client/property_set.h"
+#include "uvc_drv/properties.h"
 
 #include <nlohmann/json.hpp>
 
@@ -17,12 +17,10 @@ namespace uvcam {
 
 namespace {
 
-constexpr ULONG kOverlayParameter = 1;
-
 void SwitchOverlayOn(Session &session) {
     ULONG on = 1;
-    session.Require(session.Filter().Property(host::client::kDriverParameterSet, kOverlayParameter, KSPROPERTY_TYPE_SET,
-                                              {}, host::client::BytesOf(on)),
+    session.Require(session.Filter().Property(PROPSETID_DRIVER_PARAMETER, UVC_PARAMETER_STATISTICS_OVERLAY,
+                                              KSPROPERTY_TYPE_SET, {}, host::client::BytesOf(on)),
                     "cannot switch the overlay on");
 }
 

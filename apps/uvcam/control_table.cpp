@@ -12,8 +12,6 @@ namespace uvcam {
 namespace {
 
 using host::client::kCameraControlSet;
-using host::client::kColourMatrixSet;
-using host::client::kPrivateImageSet;
 using host::client::kVideoProcAmpSet;
 
 constexpr Inactivity kBalanced = {.other = "WhiteBalance", .state = Inactivity::Automatic};
@@ -41,7 +39,7 @@ constexpr ControlRow Camera(const char *name, ULONG id, const char *unit = "") {
 constexpr ControlRow Image(const char *name, ULONG id, const char *unit = "", ControlKind kind = ControlKind::Number,
                            Inactivity inactive = {}, Inactivity alsoInactive = {}) {
     return {.name = name,
-            .control = {kPrivateImageSet, id},
+            .control = {PROPSETID_PRIVATE_IMAGE, id},
             .kind = kind,
             .unit = unit,
             .inactive = {inactive, alsoInactive}};
@@ -63,17 +61,17 @@ constexpr ControlRow StreamOnly(ControlRow row) {
 }
 
 constexpr ControlRow RegisterOfPair(const char *name, ULONG part) {
-    return {.name = name, .control = {kPrivateImageSet, 125, part}};
+    return {.name = name, .control = {PROPSETID_PRIVATE_IMAGE, UVC_IMAGE_REGISTER_PAIR, part}};
 }
 
 constexpr ControlRow Matrix(const char *name, ULONG id, const char *unit = "", ControlKind kind = ControlKind::Number,
                             Inactivity inactive = {}) {
     return {.name = name,
-            .control = {kColourMatrixSet, id},
+            .control = {PROPSETID_PRIVATE_COLORMATRIX, id},
             .kind = kind,
             .unit = unit,
             .inactive = {inactive},
-            .kept = id <= 10,
+            .kept = id <= UVC_COLORMATRIX_CONVERSION_ALGORITHM,
             .inDriver = true};
 }
 
@@ -111,56 +109,60 @@ constexpr ControlRow kRows[] = {
     Camera("FocusRelative", KSPROPERTY_CAMERACONTROL_FOCUS_RELATIVE),
 
     // The registry keeps 101, the gain of blue, under "WhiteBalance Green" as well; people get what the names say.
-    Kept(Image("WhiteBalance Blue", 101, "", ControlKind::Number, kBalanced)),
-    Kept(Image("WhiteBalance Red", 102, "", ControlKind::Number, kBalanced)),
-    InDriver(Image("WhiteBalance Green", 206, "", ControlKind::Number, kBalanced)),
-    {.name = "WhiteBalanceOnePush", .control = {kPrivateImageSet, 107}, .kind = ControlKind::Action, .writeOnly = true},
-    InDriver(Image("WhiteBalanceGainsEnable", 212, "", ControlKind::Switch)),
-    Kept(Image("AutoExposureReference", 106)),
-    Kept(Image("AutoExposureMaxValue", 201, kExposureUnit, ControlKind::Number,
+    Kept(Image("WhiteBalance Blue", UVC_IMAGE_WHITE_BALANCE_BLUE, "", ControlKind::Number, kBalanced)),
+    Kept(Image("WhiteBalance Red", UVC_IMAGE_WHITE_BALANCE_RED, "", ControlKind::Number, kBalanced)),
+    InDriver(Image("WhiteBalance Green", UVC_IMAGE_WHITE_BALANCE_GREEN, "", ControlKind::Number, kBalanced)),
+    {.name = "WhiteBalanceOnePush",
+     .control = {PROPSETID_PRIVATE_IMAGE, UVC_IMAGE_WHITE_BALANCE_ONE_PUSH},
+     .kind = ControlKind::Action,
+     .writeOnly = true},
+    InDriver(Image("WhiteBalanceGainsEnable", UVC_IMAGE_GAINS_ENABLE, "", ControlKind::Switch)),
+    Kept(Image("AutoExposureReference", UVC_IMAGE_EXPOSURE_REFERENCE)),
+    Kept(Image("AutoExposureMaxValue", UVC_IMAGE_EXPOSURE_LIMIT, kExposureUnit, ControlKind::Number,
                {.other = "AutoExposureMaxValueAuto", .state = Inactivity::On},
                {.other = "Exposure", .state = Inactivity::Manual})),
-    Kept(Image("AutoExposureMaxValueAuto", 202, "", ControlKind::Switch)),
+    Kept(Image("AutoExposureMaxValueAuto", UVC_IMAGE_EXPOSURE_LIMIT_FOLLOWS, "", ControlKind::Switch)),
     {.name = "Exposure",
-     .control = {kPrivateImageSet, 109},
+     .control = {PROPSETID_PRIVATE_IMAGE, UVC_IMAGE_EXPOSURE},
      .unit = kExposureUnit,
      .twin = "ExposureLog2",
      .kept = true},
-    Image("ExternalTrigger", 115, "", ControlKind::Trigger),
-    Image("SoftwareTrigger", 213, "", ControlKind::Pulse, {.other = "ExternalTrigger", .state = Inactivity::Off}),
-    Image("FocusOnePush", 124, "", ControlKind::Action),
-    StreamOnly(Image("HorizontalOffset", 118, kPixels)),
-    StreamOnly(Image("VerticalOffset", 119, kPixels)),
-    StreamOnly(Image("Binning", 211)),
-    InDriver(Image("GreenSmoothing", 210, "", ControlKind::Switch)),
-    Image("GeneralRegister", 122),
+    Image("ExternalTrigger", UVC_IMAGE_EXTERNAL_TRIGGER, "", ControlKind::Trigger),
+    Image("SoftwareTrigger", UVC_IMAGE_SOFTWARE_TRIGGER, "", ControlKind::Pulse,
+          {.other = "ExternalTrigger", .state = Inactivity::Off}),
+    Image("FocusOnePush", UVC_IMAGE_AUTOFOCUS, "", ControlKind::Action),
+    StreamOnly(Image("HorizontalOffset", UVC_IMAGE_OFFSET_X, kPixels)),
+    StreamOnly(Image("VerticalOffset", UVC_IMAGE_OFFSET_Y, kPixels)),
+    StreamOnly(Image("Binning", UVC_IMAGE_BINNING)),
+    InDriver(Image("GreenSmoothing", UVC_IMAGE_SMOOTHING, "", ControlKind::Switch)),
+    Image("GeneralRegister", UVC_IMAGE_REGISTER),
     RegisterOfPair("GeneralRegister1", 0),
     RegisterOfPair("GeneralRegister2", 1),
-    Image("GeneralValue1", 203),
-    Image("GeneralValue2", 204),
-    Image("GeneralValue3", 205),
-    Image("Register1", 214),
-    Image("Register2", 215),
-    Image("Register3", 216),
-    Image("Register4", 226),
-    Image("Register5", 227),
-    Image("Register6", 228),
-    Image("Register7", 229),
+    Image("GeneralValue1", UVC_IMAGE_GENERAL_VALUE_1),
+    Image("GeneralValue2", UVC_IMAGE_GENERAL_VALUE_2),
+    Image("GeneralValue3", UVC_IMAGE_GENERAL_VALUE_3),
+    Image("Register1", UVC_IMAGE_REGISTER_1),
+    Image("Register2", UVC_IMAGE_REGISTER_2),
+    Image("Register3", UVC_IMAGE_REGISTER_3),
+    Image("Register4", UVC_IMAGE_REGISTER_4),
+    Image("Register5", UVC_IMAGE_REGISTER_5),
+    Image("Register6", UVC_IMAGE_REGISTER_6),
+    Image("Register7", UVC_IMAGE_REGISTER_7),
 
-    Matrix("ColorMatrixEnable", 0, "", ControlKind::Switch),
-    Matrix("ColorMatrix_R_R", 1, kMatrixUnit, ControlKind::Number, kNoMatrix),
-    Matrix("ColorMatrix_R_G", 2, kMatrixUnit, ControlKind::Number, kNoMatrix),
-    Matrix("ColorMatrix_R_B", 3, kMatrixUnit, ControlKind::Number, kNoMatrix),
-    Matrix("ColorMatrix_G_R", 4, kMatrixUnit, ControlKind::Number, kNoMatrix),
-    Matrix("ColorMatrix_G_G", 5, kMatrixUnit, ControlKind::Number, kNoMatrix),
-    Matrix("ColorMatrix_G_B", 6, kMatrixUnit, ControlKind::Number, kNoMatrix),
-    Matrix("ColorMatrix_B_R", 7, kMatrixUnit, ControlKind::Number, kNoMatrix),
-    Matrix("ColorMatrix_B_G", 8, kMatrixUnit, ControlKind::Number, kNoMatrix),
-    Matrix("ColorMatrix_B_B", 9, kMatrixUnit, ControlKind::Number, kNoMatrix),
-    Matrix("ColorMatrixConvAlg", 10),
-    Matrix("ColorMatrixReset", 11, "", ControlKind::Action),
-    Matrix("BayerPattern", 12),
-    Matrix("DefectCorrection", 32, "", ControlKind::Switch),
+    Matrix("ColorMatrixEnable", UVC_COLORMATRIX_ENABLE, "", ControlKind::Switch),
+    Matrix("ColorMatrix_R_R", UVC_COLORMATRIX_R_R, kMatrixUnit, ControlKind::Number, kNoMatrix),
+    Matrix("ColorMatrix_R_G", UVC_COLORMATRIX_R_G, kMatrixUnit, ControlKind::Number, kNoMatrix),
+    Matrix("ColorMatrix_R_B", UVC_COLORMATRIX_R_B, kMatrixUnit, ControlKind::Number, kNoMatrix),
+    Matrix("ColorMatrix_G_R", UVC_COLORMATRIX_G_R, kMatrixUnit, ControlKind::Number, kNoMatrix),
+    Matrix("ColorMatrix_G_G", UVC_COLORMATRIX_G_G, kMatrixUnit, ControlKind::Number, kNoMatrix),
+    Matrix("ColorMatrix_G_B", UVC_COLORMATRIX_G_B, kMatrixUnit, ControlKind::Number, kNoMatrix),
+    Matrix("ColorMatrix_B_R", UVC_COLORMATRIX_B_R, kMatrixUnit, ControlKind::Number, kNoMatrix),
+    Matrix("ColorMatrix_B_G", UVC_COLORMATRIX_B_G, kMatrixUnit, ControlKind::Number, kNoMatrix),
+    Matrix("ColorMatrix_B_B", UVC_COLORMATRIX_B_B, kMatrixUnit, ControlKind::Number, kNoMatrix),
+    Matrix("ColorMatrixConvAlg", UVC_COLORMATRIX_CONVERSION_ALGORITHM),
+    Matrix("ColorMatrixReset", UVC_COLORMATRIX_RESET, "", ControlKind::Action),
+    Matrix("BayerPattern", UVC_COLORMATRIX_BAYER_PATTERN),
+    Matrix("DefectCorrection", UVC_COLORMATRIX_DEFECT_CORRECTION, "", ControlKind::Switch),
 };
 // All items of the four sets but the three lists of defective pixels (33 to 35 of the colour matrix); 125 has two rows.
 static_assert(std::size(kRows) == 13 + 16 + 28 + 1 + 17 - 3);
@@ -217,10 +219,10 @@ const ControlRow &RequireControl(std::string_view name) {
 
 const char *SetNameOf(const ControlRow &row) {
     const GUID &set = row.control.set;
-    return IsEqualGUID(set, kVideoProcAmpSet)    ? "PROPSETID_VIDCAP_VIDEOPROCAMP"
-           : IsEqualGUID(set, kCameraControlSet) ? "PROPSETID_VIDCAP_CAMERACONTROL"
-           : IsEqualGUID(set, kPrivateImageSet)  ? "PROPSETID_PRIVATE_IMAGE"
-                                                 : "PROPSETID_PRIVATE_COLORMATRIX";
+    return IsEqualGUID(set, kVideoProcAmpSet)          ? "PROPSETID_VIDCAP_VIDEOPROCAMP"
+           : IsEqualGUID(set, kCameraControlSet)       ? "PROPSETID_VIDCAP_CAMERACONTROL"
+           : IsEqualGUID(set, PROPSETID_PRIVATE_IMAGE) ? "PROPSETID_PRIVATE_IMAGE"
+                                                       : "PROPSETID_PRIVATE_COLORMATRIX";
 }
 
 } // namespace uvcam

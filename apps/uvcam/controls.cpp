@@ -84,7 +84,7 @@ std::string NoteOf(const CameraControl &control, const std::vector<CameraControl
 const char *ModeOf(const CameraControl &control) {
     if (control.IsAutomatic())
         return "auto";
-    const bool hasAutomatic = (control.setting.capabilities & host::client::kControlAutomatic) != 0;
+    const bool hasAutomatic = (control.setting.capabilities & UVC_CONTROL_AUTOMATIC) != 0;
     return hasAutomatic ? "manual" : "";
 }
 

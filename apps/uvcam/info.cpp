@@ -2,7 +2,7 @@
 #include "apps/uvcam/exit_code.h"
 #include "apps/uvcam/session.h"
 
-#include "host/client/property_set.h"
+#include "uvc_drv/properties.h"
 
 #include <nlohmann/json.hpp>
 
@@ -18,52 +18,6 @@ namespace {
 using host::client::BytesOf;
 using host::client::Filter;
 
-// The blocks of the two information sets.
-struct TextBlock {
-    KSPROPERTY property;
-    ULONG number;
-    char text[256];
-};
-static_assert(sizeof(TextBlock) == 288);
-
-struct SerialBlock {
-    KSPROPERTY property;
-    ULONGLONG serial;
-    char product[256];
-};
-static_assert(sizeof(SerialBlock) == 288);
-
-struct ModelBlock {
-    KSPROPERTY property;
-    ULONG constants[2];
-    ULONG productId;
-    char version[256];
-};
-static_assert(sizeof(ModelBlock) == 296);
-
-struct VersionBlock {
-    ULONG kind;
-    ULONG reserved;
-    USHORT words[4]; // last, third, second and first number
-    char16_t buildKind[64];
-};
-static_assert(sizeof(VersionBlock) == 144);
-
-struct CameraBlock {
-    char product[128];
-    char manufacturer[128];
-    char serialText[128];
-    ULONG kind;
-    ULONG vendorId;
-    ULONG productId;
-    ULONG sensorCode;
-    ULONGLONG serial;
-    ULONG version;
-    ULONG firmware;
-    ULONG reserved[2];
-};
-static_assert(sizeof(CameraBlock) == 424);
-
 struct ParameterRow {
     ULONG id;
     const char *name;
@@ -71,18 +25,29 @@ struct ParameterRow {
 };
 
 constexpr ParameterRow kParameters[] = {
-    {1, "StatisticsOverlay", 4},  {2, "DiscardIncompleteFrames", 4},
-    {3, "RestartLoader", 0},      {4, "FirmwareRevision", 4},
-    {5, "DeviceStatus", 4},       {6, "PassThrough", 0},
-    {10, "TransferCount", 4},     {11, "UserRegister", 0},
-    {12, "ControlTimeoutMs", 4},  {14, "StreamingMode", 4},
-    {15, "CameraDescription", 8}, {16, "FamilySwitch", 4},
-    {17, "MeasureFrameRate", 4},  {18, "ZeroBuffers", 4},
-    {19, "SensorColours", 8},     {20, "WriteUserData", 0},
-    {21, "ReloadUserData", 0},    {22, "DumpUserData", 0},
-    {23, "ClearUserData", 0},     {24, "CyclePort", 0},
-    {25, "Ignored", 4},           {26, "InstructionSet", 4},
-    {27, "VendorRegister", 4},
+    {UVC_PARAMETER_STATISTICS_OVERLAY, "StatisticsOverlay", 4},
+    {UVC_PARAMETER_DISCARD_INCOMPLETE, "DiscardIncompleteFrames", 4},
+    {UVC_PARAMETER_RESTART_LOADER, "RestartLoader", 0},
+    {UVC_PARAMETER_FIRMWARE_REVISION, "FirmwareRevision", 4},
+    {UVC_PARAMETER_DEVICE_STATUS, "DeviceStatus", 4},
+    {UVC_PARAMETER_PASS_THROUGH, "PassThrough", 0},
+    {UVC_PARAMETER_TRANSFER_COUNT, "TransferCount", 4},
+    {UVC_PARAMETER_USER_REGISTER, "UserRegister", 0},
+    {UVC_PARAMETER_CONTROL_TIMEOUT, "ControlTimeoutMs", 4},
+    {UVC_PARAMETER_STREAMING_MODE, "StreamingMode", 4},
+    {UVC_PARAMETER_CAMERA_DESCRIPTION, "CameraDescription", 8},
+    {UVC_PARAMETER_FAMILY_SWITCH, "FamilySwitch", 4},
+    {UVC_PARAMETER_MEASURE_FRAME_RATE, "MeasureFrameRate", 4},
+    {UVC_PARAMETER_ZERO_BUFFERS, "ZeroBuffers", 4},
+    {UVC_PARAMETER_SENSOR_COLOURS, "SensorColours", 8},
+    {UVC_PARAMETER_WRITE_USER_DATA, "WriteUserData", 0},
+    {UVC_PARAMETER_LOAD_USER_DATA, "ReloadUserData", 0},
+    {UVC_PARAMETER_DUMP_USER_DATA, "DumpUserData", 0},
+    {UVC_PARAMETER_CLEAR_USER_DATA, "ClearUserData", 0},
+    {UVC_PARAMETER_CYCLE_PORT, "CyclePort", 0},
+    {UVC_PARAMETER_IGNORED, "Ignored", 4},
+    {UVC_PARAMETER_INSTRUCTION_SET, "InstructionSet", 4},
+    {UVC_PARAMETER_VENDOR_REGISTER, "VendorRegister", 4},
 };
 static_assert(std::size(kParameters) == 23);
 
@@ -96,16 +61,16 @@ template <class Block> Block Ask(Session &session, const GUID &set, ULONG id) {
     return block;
 }
 
-std::string Describe(const VersionBlock &version) {
+std::string Describe(const UVC_DRIVER_VERSION_S &version) {
     std::string text;
     for (const int i : {3, 2, 1, 0})
-        text += std::to_string(version.words[i]) + (i != 0 ? "." : "");
+        text += std::to_string(version.Version[i]) + (i != 0 ? "." : "");
     return text;
 }
 
-std::string BuildKind(const VersionBlock &version) {
+std::string BuildKind(const UVC_DRIVER_VERSION_S &version) {
     std::string text;
-    for (const char16_t *at = version.buildKind; at != std::end(version.buildKind) && *at != 0; ++at)
+    for (const USHORT *at = version.BuildKind; at != std::end(version.BuildKind) && *at != 0; ++at)
         text += static_cast<char>(*at);
     return text;
 }
@@ -115,7 +80,7 @@ nlohmann::json ReadParameter(Filter &filter, const ParameterRow &row) {
     std::uint8_t bytes[8]{};
     const std::span value(bytes, row.size);
     if (row.size == 0 ||
-        !NT_SUCCESS(filter.Property(host::client::kDriverParameterSet, row.id, KSPROPERTY_TYPE_GET, value, value)))
+        !NT_SUCCESS(filter.Property(PROPSETID_DRIVER_PARAMETER, row.id, KSPROPERTY_TYPE_GET, value, value)))
         return {};
     if (row.size == sizeof(ULONG)) {
         ULONG number;
@@ -136,8 +101,8 @@ nlohmann::ordered_json ReadParameters(Filter &filter) {
     for (const ParameterRow &row : kParameters) {
         ULONG access = 0;
         const std::uint8_t instance[16]{}; // the longest value, for the check of the property's length
-        if (NT_SUCCESS(filter.Property(host::client::kDriverParameterSet, row.id, KSPROPERTY_TYPE_BASICSUPPORT,
-                                       instance, BytesOf(access))) &&
+        if (NT_SUCCESS(filter.Property(PROPSETID_DRIVER_PARAMETER, row.id, KSPROPERTY_TYPE_BASICSUPPORT, instance,
+                                       BytesOf(access))) &&
             access != 0)
             parameters.push_back({{"id", row.id}, {"name", row.name}, {"value", ReadParameter(filter, row)}});
     }
@@ -148,33 +113,35 @@ nlohmann::ordered_json ReadParameters(Filter &filter) {
 
 void Info(const InfoOptions &options) {
     Session session({.camera = options.camera, .settings = options.settings});
-    const auto vendor = Ask<TextBlock>(session, host::client::kDeviceInformationSet, 100);
-    const auto serial = Ask<SerialBlock>(session, host::client::kDeviceInformationSet, 101);
-    const auto model = Ask<ModelBlock>(session, host::client::kDeviceInformationSet, 102);
-    const auto version = Ask<VersionBlock>(session, host::client::kDriverInformationSet, 0);
-    const auto camera = Ask<CameraBlock>(session, host::client::kDriverInformationSet, 1);
+    const auto vendor = Ask<UVC_DEVICE_TEXT_S>(session, PROPSETID_DEVICE_INFO, UVC_DEVICE_INFO_VENDOR);
+    const auto serial = Ask<UVC_DEVICE_SERIAL_S>(session, PROPSETID_DEVICE_INFO, UVC_DEVICE_INFO_SERIAL);
+    const auto model = Ask<UVC_DEVICE_MODEL_S>(session, PROPSETID_DEVICE_INFO, UVC_DEVICE_INFO_MODEL);
+    const auto version = Ask<UVC_DRIVER_VERSION_S>(session, PROPSETID_DRIVER_INFO, UVC_DRIVER_INFO_VERSION);
+    const auto camera = Ask<UVC_CAMERA_INFO_S>(session, PROPSETID_DRIVER_INFO, UVC_DRIVER_INFO_CAMERA);
     const auto parameters = ReadParameters(session.Filter());
 
     if (options.json) {
-        const nlohmann::ordered_json info{
-            {"camera", options.camera},
-            {"vendorId", vendor.number},
-            {"vendor", Text(vendor.text)},
-            {"productId", model.productId},
-            {"product", Text(serial.product)},
-            {"serial", Text(camera.serialText)},
-            {"serialNumber", serial.serial},
-            {"firmware", camera.firmware != 0 ? nlohmann::ordered_json(camera.firmware) : nlohmann::ordered_json()},
-            {"driverVersion", Describe(version)},
-            {"driverBuild", BuildKind(version)},
-            {"parameters", parameters}};
+        const nlohmann::ordered_json info{{"camera", options.camera},
+                                          {"vendorId", vendor.Number},
+                                          {"vendor", Text(vendor.Text)},
+                                          {"productId", model.ProductId},
+                                          {"product", Text(serial.Product)},
+                                          {"serial", Text(camera.SerialText)},
+                                          {"serialNumber", serial.Serial},
+                                          {"firmware", camera.FirmwareRevision != 0
+                                                           ? nlohmann::ordered_json(camera.FirmwareRevision)
+                                                           : nlohmann::ordered_json()},
+                                          {"driverVersion", Describe(version)},
+                                          {"driverBuild", BuildKind(version)},
+                                          {"parameters", parameters}};
         std::printf("%s\n", info.dump(2).c_str());
         return;
     }
-    std::printf("vendor    %04x  %s\n", static_cast<unsigned>(vendor.number), Text(vendor.text).c_str());
-    std::printf("product   %04x  %s\n", static_cast<unsigned>(model.productId), Text(serial.product).c_str());
-    std::printf("serial    %s\n", Text(camera.serialText).c_str());
-    std::printf("firmware  %s\n", camera.firmware != 0 ? std::to_string(camera.firmware).c_str() : "not told");
+    std::printf("vendor    %04x  %s\n", static_cast<unsigned>(vendor.Number), Text(vendor.Text).c_str());
+    std::printf("product   %04x  %s\n", static_cast<unsigned>(model.ProductId), Text(serial.Product).c_str());
+    std::printf("serial    %s\n", Text(camera.SerialText).c_str());
+    std::printf("firmware  %s\n",
+                camera.FirmwareRevision != 0 ? std::to_string(camera.FirmwareRevision).c_str() : "not told");
     std::printf("driver    uvc_drv, ver=%s build (%s)\n", Describe(version).c_str(), BuildKind(version).c_str());
     std::printf("parameters\n");
     for (const auto &parameter : parameters)

@@ -6,40 +6,22 @@ namespace host::client {
 
 namespace {
 
-constexpr ULONG kRegisterControl = 122;     // of the image controls
-constexpr ULONG kRegisterPairControl = 125; // likewise
-
-// What a block tells about its control. Those of the standard sets, and of the register, end before the range.
-struct ControlWords {
-    LONG value = 0;
-    ULONG flags = 0;
-    ULONG capabilities = 0;
-    LONG minimum = 0;
-    LONG maximum = 0;
-    LONG defaultValue = 0;
-    LONG step = 0; // from here on only of a pair of registers
-    ULONG reserved = 0;
-};
-
-struct ControlBlock {
-    KSPROPERTY property{};
-    ControlWords words[2];
-};
+// The longest block; those of single controls are its beginning, cut where they tell less.
+using ControlBlock = UVC_REGISTER_PAIR_S;
 constexpr std::size_t kStandardSize = sizeof(KSPROPERTY_VIDEOPROCAMP_S);
-constexpr std::size_t kPrivateSize = 48;
 static_assert(kStandardSize == 40 && sizeof(KSPROPERTY_CAMERACONTROL_S) == kStandardSize);
-static_assert(sizeof(KSPROPERTY) + offsetof(ControlWords, step) == kPrivateSize && sizeof(ControlBlock) == 88);
+static_assert(offsetof(ControlBlock, Registers[0].Step) == sizeof(UVC_CONTROL_S));
 
 bool IsStandard(const ControlId &control) {
     return IsEqualGUID(control.set, kVideoProcAmpSet) || IsEqualGUID(control.set, kCameraControlSet);
 }
 
 std::size_t BlockSize(const ControlId &control) {
-    if (IsStandard(control) || (IsEqualGUID(control.set, kPrivateImageSet) && control.id == kRegisterControl))
+    if (IsStandard(control) || (IsEqualGUID(control.set, PROPSETID_PRIVATE_IMAGE) && control.id == UVC_IMAGE_REGISTER))
         return kStandardSize;
-    if (IsEqualGUID(control.set, kPrivateImageSet) && control.id == kRegisterPairControl)
+    if (IsEqualGUID(control.set, PROPSETID_PRIVATE_IMAGE) && control.id == UVC_IMAGE_REGISTER_PAIR)
         return sizeof(ControlBlock);
-    return kPrivateSize;
+    return sizeof(UVC_CONTROL_S);
 }
 
 Bytes BlockOf(const ControlId &control, ControlBlock &block) {
@@ -74,17 +56,17 @@ NTSTATUS GetPrivateRange(KsFile &filter, const ControlId &control, ControlRange 
     if (!NT_SUCCESS(status) || access == 0)
         return status;
     range.access = access;
-    ControlBlock block;
-    const ControlWords &words = block.words[control.part];
+    ControlBlock block{};
+    const UVC_REGISTER_OF_PAIR &words = block.Registers[control.part];
     // A control that can only be set, or whose camera does not answer, has no range.
     if (!NT_SUCCESS(filter.GetBlock(control.set, control.id, BlockOf(control, block))) ||
-        BlockSize(control) < kPrivateSize || words.minimum >= words.maximum)
+        BlockSize(control) < sizeof(UVC_CONTROL_S) || words.Minimum >= words.Maximum)
         return STATUS_SUCCESS;
-    range.minimum = words.minimum;
-    range.maximum = words.maximum;
-    range.defaultValue = words.defaultValue;
-    if (words.step != 0)
-        range.step = words.step;
+    range.minimum = words.Minimum;
+    range.maximum = words.Maximum;
+    range.defaultValue = words.Default;
+    if (words.Step != 0)
+        range.step = words.Step;
     return STATUS_SUCCESS;
 }
 
@@ -96,24 +78,24 @@ NTSTATUS GetControlRange(KsFile &filter, const ControlId &control, ControlRange 
 }
 
 NTSTATUS GetControl(KsFile &filter, const ControlId &control, ControlSetting &setting) {
-    ControlBlock block;
+    ControlBlock block{};
     const NTSTATUS status = filter.GetBlock(control.set, control.id, BlockOf(control, block));
-    const ControlWords &words = block.words[control.part];
+    const UVC_REGISTER_OF_PAIR &words = block.Registers[control.part];
     if (NT_SUCCESS(status))
-        setting = {.value = words.value, .flags = words.flags, .capabilities = words.capabilities};
+        setting = {.value = words.Value, .flags = words.Flags, .capabilities = words.Capabilities};
     return status;
 }
 
 NTSTATUS SetControl(KsFile &filter, const ControlId &control, const ControlSetting &setting) {
-    ControlBlock block;
+    ControlBlock block{};
     // Registers go together: the other one keeps its value.
     if (BlockSize(control) == sizeof(block)) {
         const NTSTATUS status = filter.GetBlock(control.set, control.id, BlockOf(control, block));
         if (!NT_SUCCESS(status))
             return status;
     }
-    block.words[control.part].value = setting.value;
-    block.words[control.part].flags = setting.flags;
+    block.Registers[control.part].Value = setting.value;
+    block.Registers[control.part].Flags = setting.flags;
     return filter.SetBlock(control.set, control.id, BlockOf(control, block));
 }
 

@@ -3,25 +3,25 @@
 #pragma once
 
 #include "host/client/ks_file.h"
-#include "host/client/property_set.h"
+#include "uvc_drv/properties.h"
 
 #include <optional>
 
 namespace host::client {
 
+// The standard sets, by the platform's names for their bytes.
+inline constexpr GUID kVideoProcAmpSet = {STATICGUIDOF(PROPSETID_VIDCAP_VIDEOPROCAMP)};
+inline constexpr GUID kCameraControlSet = {STATICGUIDOF(PROPSETID_VIDCAP_CAMERACONTROL)};
+
 struct ControlId {
-    GUID set; // kVideoProcAmpSet, kCameraControlSet, kPrivateImageSet or kColourMatrixSet
+    GUID set; // one of these two, PROPSETID_PRIVATE_IMAGE or PROPSETID_PRIVATE_COLORMATRIX
     ULONG id;
     ULONG part = 0; // of the two registers that image control 125 holds
 };
 
-// Flags and capabilities, as the video property sets have them.
-inline constexpr ULONG kControlAutomatic = 1;
-inline constexpr ULONG kControlManual = 2;
-
 struct ControlSetting {
     LONG value = 0;
-    ULONG flags = 0;
+    ULONG flags = 0;        // UVC_CONTROL_AUTOMATIC, UVC_CONTROL_MANUAL and those of the triggers
     ULONG capabilities = 0; // modes that the control knows; a set ignores it
 };
 

@@ -2,11 +2,11 @@
 // to the picture, and what is left of that once the driver has seen it.
 #include "camera/control.h"
 #include "camera/control_id.h"
-#include "camera/property_set_guids.h"
 #include "host/client/control.h"
 #include "imaging/brightness.h"
 #include "imaging/colour_samples.h"
 #include "tests/driver/capture_rig.h"
+#include "uvc_drv/properties.h"
 
 #include <algorithm>
 #include <array>

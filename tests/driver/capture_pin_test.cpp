@@ -1,6 +1,6 @@
 // The pin's states, its claim on the camera, its counters and what it writes into stream headers.
-#include "camera/property_set_guids.h"
 #include "tests/driver/capture_rig.h"
+#include "uvc_drv/properties.h"
 
 #include <utility>
 

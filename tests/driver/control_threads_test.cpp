@@ -69,7 +69,7 @@ class Requests {
         if (control.set == kParameterSet)
             return filter_.Property(SetOf(control.set), control.id, KSPROPERTY_TYPE_SET, {}, BytesOf(value));
         return host::client::SetControl(filter_, {SetOf(control.set), control.id},
-                                        {.value = value, .flags = host::client::kControlManual});
+                                        {.value = value, .flags = UVC_CONTROL_MANUAL});
     }
 
     NTSTATUS Get(const Control &control, LONG &value) {

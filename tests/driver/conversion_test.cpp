@@ -1,8 +1,8 @@
 // From a raw sensor to an application in the formats that the driver converts to, while an application changes how.
-#include "camera/property_set_guids.h"
 #include "imaging/conversion.h"
 #include "imaging/processor_features.h"
 #include "tests/driver/capture_rig.h"
+#include "uvc_drv/properties.h"
 
 #include <algorithm>
 #include <cstring>

@@ -17,13 +17,13 @@ using host::client::ControlId;
 using host::client::ControlRange;
 using host::client::ControlSetting;
 
-constexpr ControlId kExposure{host::client::kPrivateImageSet, kCameraExposureId};
+constexpr ControlId kExposure{PROPSETID_PRIVATE_IMAGE, kCameraExposureId};
 constexpr ControlId kGain{host::client::kVideoProcAmpSet, KSPROPERTY_VIDEOPROCAMP_GAIN};
-constexpr ControlId kLimitFollows{host::client::kPrivateImageSet, kExposureLimitFollowsCameraId};
+constexpr ControlId kLimitFollows{PROPSETID_PRIVATE_IMAGE, kExposureLimitFollowsCameraId};
 constexpr ControlId kWhiteBalance{host::client::kVideoProcAmpSet, KSPROPERTY_VIDEOPROCAMP_WHITEBALANCE};
-constexpr ControlId kBlue{host::client::kPrivateImageSet, kWhiteBalanceBlueId};
+constexpr ControlId kBlue{PROPSETID_PRIVATE_IMAGE, kWhiteBalanceBlueId};
 constexpr ControlId kFocus{host::client::kCameraControlSet, KSPROPERTY_CAMERACONTROL_FOCUS};
-constexpr ControlId kOnePushFocus{host::client::kPrivateImageSet, kAutofocusId};
+constexpr ControlId kOnePushFocus{PROPSETID_PRIVATE_IMAGE, kAutofocusId};
 
 class EveryModelEndToEnd : public testing::TestWithParam<std::string> {
   protected:

@@ -2,10 +2,10 @@
 // operations a property request becomes, and choose what they answer.
 #pragma once
 
-#include "camera/property_set_guids.h"
 #include "camera/uvc_camera.h"
 #include "driver/uvc_device.h"
 #include "tests/driver/capture_rig.h"
+#include "uvc_drv/properties.h"
 
 #include <algorithm>
 #include <cstring>

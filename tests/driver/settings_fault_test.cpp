@@ -9,10 +9,6 @@ namespace uvc::driver_test {
 
 namespace {
 
-using host::client::kControlAutomatic;
-using host::client::kControlManual;
-using host::client::kPrivateImageSet;
-
 struct Setting {
     const char *name;
     host::client::ControlId control;
@@ -21,11 +17,11 @@ struct Setting {
 };
 
 const Setting kSettings[] = {
-    {"brightness", {PROPSETID_VIDCAP_VIDEOPROCAMP, KSPROPERTY_VIDEOPROCAMP_BRIGHTNESS}, 17, kControlManual},
-    {"gain", {PROPSETID_VIDCAP_VIDEOPROCAMP, KSPROPERTY_VIDEOPROCAMP_GAIN}, 99, kControlManual},
-    {"hue", {PROPSETID_VIDCAP_VIDEOPROCAMP, KSPROPERTY_VIDEOPROCAMP_HUE}, -250, kControlAutomatic},
-    {"red", {kPrivateImageSet, 102}, 400, kControlManual},
-    {"exposure", {kPrivateImageSet, 109}, 1234, kControlManual},
+    {"brightness", {PROPSETID_VIDCAP_VIDEOPROCAMP, KSPROPERTY_VIDEOPROCAMP_BRIGHTNESS}, 17, UVC_CONTROL_MANUAL},
+    {"gain", {PROPSETID_VIDCAP_VIDEOPROCAMP, KSPROPERTY_VIDEOPROCAMP_GAIN}, 99, UVC_CONTROL_MANUAL},
+    {"hue", {PROPSETID_VIDCAP_VIDEOPROCAMP, KSPROPERTY_VIDEOPROCAMP_HUE}, -250, UVC_CONTROL_AUTOMATIC},
+    {"red", {PROPSETID_PRIVATE_IMAGE, UVC_IMAGE_WHITE_BALANCE_RED}, 400, UVC_CONTROL_MANUAL},
+    {"exposure", {PROPSETID_PRIVATE_IMAGE, UVC_IMAGE_EXPOSURE}, 1234, UVC_CONTROL_MANUAL},
 };
 
 NTSTATUS Set(host::client::Filter &filter, const Setting &setting) {
@@ -78,7 +74,7 @@ class SettingsFaults : public testing::TestWithParam<Fault> {
         const NTSTATUS after = host::client::GetControl(filter, setting.control, found);
         Expect(after, exact);
         // Where value and automatic mode take a request each, the status is that of the second.
-        if (setting.flags != kControlAutomatic && NT_SUCCESS(set) && NT_SUCCESS(after))
+        if (setting.flags != UVC_CONTROL_AUTOMATIC && NT_SUCCESS(set) && NT_SUCCESS(after))
             EXPECT_EQ(found.value, setting.value);
     }
 
