@@ -18,7 +18,7 @@ constexpr ACCESS_MASK kThreadAllAccess = 0x1F03FF;
 constexpr LONG kSmallestWidth = 64;
 constexpr LONGLONG kSmallestHeight = 48;
 
-// An image that misses no more than this at its end is converted whole.
+// An image that misses no more than this at its end is converted whole, if its buffer reaches that far.
 constexpr LONGLONG kToleratedGap = 2;
 
 void PushTail(LIST_ENTRY &list, KSPIN_LOCK &lock, WorkerNode &node) {
@@ -67,10 +67,13 @@ imaging::ImageDescriptor SourceOf(const WorkerNode &node) {
     const LONGLONG missing = static_cast<LONGLONG>(sensor.biSizeImage) - node.length;
     LONGLONG height = sensor.biHeight;
     ULONG size = node.length;
-    if (missing > kToleratedGap && stride > 0)
+    if (missing > kToleratedGap && stride > 0) {
         height -= missing / stride + 1;
-    else if (missing > 0) // the last row is whole where there is memory for it
+    } else if (missing > 0) { // the last row is whole where there is memory for it
         size = std::min(sensor.biSizeImage, RoomAt(node));
+        if (size < sensor.biSizeImage)
+            --height;
+    }
     return {.data = const_cast<UCHAR *>(node.data),
             .size = size,
             .fourcc = sensor.biCompression,

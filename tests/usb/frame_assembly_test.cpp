@@ -16,6 +16,7 @@ struct Piece {
     ULONG length;
     UCHAR headerLength = 2; // 0: none
     NTSTATUS status = STATUS_SUCCESS;
+    ULONG room = 2; // of the buffer behind the payload
 };
 
 struct Outcome {
@@ -66,9 +67,10 @@ class FrameAssemblyTest : public testing::Test {
         transfer->irp = IoAllocateIrp(1, FALSE);
         KeInitializeEvent(&transfer->done, NotificationEvent, FALSE);
         const ULONG length = piece.headerLength + piece.length;
-        transfer->bytes.assign(length + 2, piece.headerLength != 0 ? ordinal : static_cast<UCHAR>(100 + ordinal));
+        transfer->bytes.assign(length + piece.room,
+                               piece.headerLength != 0 ? ordinal : static_cast<UCHAR>(100 + ordinal));
         transfer->buffer = transfer->bytes.data();
-        transfer->size = length + 2; // room for the gap at the end of a frame that is tolerated
+        transfer->size = length + piece.room;
         if (piece.headerLength > 0)
             transfer->buffer[0] = piece.headerLength;
         if (piece.headerLength > 1)
@@ -157,6 +159,7 @@ TEST_F(FrameAssemblyTest, WholeTransfers) {
         {"longer is cut by the conversion", {{0, kEnd, 5000, 2, kKept}}, {"1*4096"}, {1, 0, 1}},
         {"short costs the transfer", {{0, kEnd, 4095, 2, kRetired}, {1, 0, 4096, 2, kKept}}, {"2*4096"}, {1, 0, 0}},
         {"a gap of two bytes is none", {{0, 0, 4094, 2, kKept}}, {"1*4096"}, {1, 0, 1}, false},
+        {"but for one that the buffer lacks", {{0, 0, 4094, 2, kKept, 1}}, {"1*4032 0*64"}, {1, 0, 1}, false},
         {"a gap of three costs a row", {{0, 0, 4093, 2, kKept}}, {"1*4032 0*64"}, {1, 0, 1}, false},
         {"48 rows are converted", {{0, 0, 3073, 2, kKept}}, {"1*3072 0*1024"}, {1, 0, 1}, false},
         {"47 rows are not", {{0, 0, 3072, 2, kKept}}, {"0*4096"}, {1, 0, 1}, false},

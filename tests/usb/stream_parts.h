@@ -118,7 +118,8 @@ class WorkerCamera : public UvcCamera {
     void ConvertFrame(imaging::ImageDescriptor &destination, imaging::ImageDescriptor &source, ULONG) override {
         EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
         Await(gate);
-        std::memcpy(destination.data, source.data, std::min(destination.height, source.height) * source.stride);
+        if (source.size >= source.height * source.stride) // as the real ones: all rows or none
+            std::memcpy(destination.data, source.data, std::min(destination.height, source.height) * source.stride);
     }
 
     KEVENT gate;
