@@ -148,8 +148,9 @@ NTSTATUS CapturePin::Run() {
     CameraUse camera(*device);
     if (!camera)
         return STATUS_DEVICE_NOT_CONNECTED;
-    NTSTATUS status =
-        runState == RunState::Paused ? StreamPause(*camera, false) : StreamStart(*camera, *device->format);
+    // What this pin has paused may have ended since: a restart builds a camera that streams nothing.
+    const bool resume = runState == RunState::Paused && StreamIsUp(*camera);
+    NTSTATUS status = resume ? StreamPause(*camera, false) : StreamStart(*camera, *device->format);
     if (NT_SUCCESS(status))
         runState = RunState::Running;
     return status;

@@ -8,6 +8,8 @@
 //   ACQUIRE  | claim  | -        | stop             | -
 //   PAUSE    | -      | -        | -                | pause
 //   RUN      | -      | -        | start or resume  | -
+//
+// A run resumes the stream that this pin has paused, where it is still there, and starts one otherwise.
 #pragma once
 
 #include "driver/property_request.h"

@@ -146,6 +146,11 @@ NTSTATUS StreamPause(UvcCamera &camera, bool pause) {
     return STATUS_SUCCESS;
 }
 
+bool StreamIsUp(UvcCamera &camera) {
+    MutexGuard guard(camera.stream.mutex);
+    return camera.stream.streaming;
+}
+
 NTSTATUS StreamStop(UvcCamera &camera) {
     MutexGuard guard(camera.stream.mutex);
     if (camera.stream.streaming)

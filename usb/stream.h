@@ -59,6 +59,9 @@ NTSTATUS StreamStart(UvcCamera &camera, const KS_VIDEOINFOHEADER &format);
 // streaming. IRQL: PASSIVE_LEVEL. Lock: takes the stream mutex.
 NTSTATUS StreamPause(UvcCamera &camera, bool pause);
 
+// Whether there is a stream, flowing or paused. IRQL: PASSIVE_LEVEL. Lock: takes the stream mutex.
+bool StreamIsUp(UvcCamera &camera);
+
 // Ends the stream; always succeeds. IRQL: PASSIVE_LEVEL. Lock: takes the stream mutex.
 NTSTATUS StreamStop(UvcCamera &camera);
 

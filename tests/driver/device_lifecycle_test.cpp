@@ -81,6 +81,21 @@ TEST(DeviceLifecycle, RestartsAndStreamsAgain) {
 }
 
 // When the device does not say who it is at a later start, the camera of the first start serves on.
+// The stream that the pin has paused went with the camera of before: the next run starts one.
+TEST(DeviceLifecycle, ARunAfterARestartInPauseStartsTheStream) {
+    Rig rig("sim:generic");
+    ASSERT_EQ(rig.started, STATUS_SUCCESS);
+    ASSERT_EQ(rig.app.OpenPin(rig.app.Ranges().front()), STATUS_SUCCESS);
+    ASSERT_EQ(rig.app.Run(), STATUS_SUCCESS);
+    ASSERT_EQ(rig.app.pin.SetState(KSSTATE_PAUSE), STATUS_SUCCESS);
+    ASSERT_EQ(rig.computer.Restart(), STATUS_SUCCESS);
+    const auto before = rig.camera->Counters().framesStarted;
+    ASSERT_EQ(rig.app.pin.SetState(KSSTATE_RUN), STATUS_SUCCESS);
+    LARGE_INTEGER second{.QuadPart = -10'000'000};
+    KeDelayExecutionThread(KernelMode, FALSE, &second);
+    EXPECT_GT(rig.camera->Counters().framesStarted, before);
+}
+
 TEST(DeviceLifecycle, ARestartWithoutADescriptorKeepsTheCamera) {
     Rig rig("sim:8201");
     ASSERT_EQ(rig.started, STATUS_SUCCESS);
