@@ -161,19 +161,19 @@ KSSTREAM_POINTER *CapturePin::AcquireFrame() {
     if (edge == nullptr)
         return nullptr;
 
-    bool found = true;
-    while (found && (edge->StreamHeader == nullptr || edge->StreamHeader->Data == nullptr))
-        found = NT_SUCCESS(KsStreamPointerAdvance(edge));
+    bool locked = true; // until an advance finds no further frame
+    while (locked && (edge->StreamHeader == nullptr || edge->StreamHeader->Data == nullptr))
+        locked = NT_SUCCESS(KsStreamPointerAdvance(edge));
 
     KSSTREAM_POINTER *clone = nullptr;
-    if (found) {
+    if (locked) {
         if (!NT_SUCCESS(KsStreamPointerClone(edge, nullptr, 0, &clone)))
             clone = nullptr;
-        if (clone != nullptr)
-            static_cast<void>(KsStreamPointerAdvance(edge)); // an empty queue behind this frame is no failure
+        if (clone != nullptr) // an empty queue behind this frame is no failure
+            locked = NT_SUCCESS(KsStreamPointerAdvance(edge));
     }
-    // An advance past the last frame has lost the lock; the unlock is then without effect.
-    KsStreamPointerUnlock(edge, FALSE);
+    if (locked)
+        KsStreamPointerUnlock(edge, FALSE);
     return clone;
 }
 

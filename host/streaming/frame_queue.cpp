@@ -118,7 +118,6 @@ NTSTATUS FrameQueue::LockPointer(StreamPointer &pointer) {
     SpinLockGuard guard(lock_);
     if (pointer.locked)
         Violation("KsStreamPointerLock", "KsStreamPointerLock", "the stream pointer is already locked");
-    pointer.lockLost = false;
     if (pointer.frame == nullptr || pointer.frame->request->cancelled)
         return STATUS_DEVICE_NOT_READY;
     pointer.Lock();
@@ -130,16 +129,13 @@ void FrameQueue::UnlockPointer(StreamPointer &pointer, bool eject) {
     InitializeListHead(&finished);
     {
         SpinLockGuard guard(lock_);
-        if (!pointer.locked && !pointer.lockLost)
+        if (!pointer.locked)
             Violation("KsStreamPointerLock", "KsStreamPointerUnlock", "the stream pointer is not locked");
-        pointer.lockLost = false;
-        if (pointer.locked) {
-            pointer.Unlock();
-            if (eject)
-                MoveOn(pointer, finished);
-            else if (!pointer.isClone && pointer.frame->request->cancelled)
-                MoveOn(pointer, finished); // the cancel waited for this
-        }
+        pointer.Unlock();
+        if (eject)
+            MoveOn(pointer, finished);
+        else if (!pointer.isClone && pointer.frame->request->cancelled)
+            MoveOn(pointer, finished); // the cancel waited for this
     }
     FinishAll(finished);
 }
@@ -155,12 +151,10 @@ NTSTATUS FrameQueue::Advance(StreamPointer &pointer) {
         if (wasLocked)
             pointer.Unlock();
         MoveOn(pointer, finished);
-        if (wasLocked && pointer.frame != nullptr) {
+        if (wasLocked && pointer.frame != nullptr)
             pointer.Lock();
-        } else if (wasLocked) {
-            pointer.lockLost = true;
+        else if (wasLocked)
             status = STATUS_DEVICE_NOT_READY;
-        }
     }
     FinishAll(finished);
     return status;

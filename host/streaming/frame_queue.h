@@ -46,7 +46,6 @@ struct StreamPointer : KSSTREAM_POINTER {
     Frame *frame; // null: beyond the last frame
     bool isClone;
     bool locked;
-    bool lockLost; // an advance from a locked state found no frame: the unlock that belongs to it may still come
 
     static StreamPointer *From(PKSSTREAM_POINTER pointer, const char *routine);
     void Register();

@@ -186,6 +186,16 @@ const Case kCases[] = {
              return STATUS_PENDING;
          });
      }},
+    {"unlocked after an advance past the last frame", "KsStreamPointerLock: KsStreamPointerUnlock",
+     [] {
+         return In<&Hooks::process>([](PKSPIN pin) {
+             PKSSTREAM_POINTER edge = LockedEdge(pin);
+             while (NT_SUCCESS(KsStreamPointerAdvance(edge))) {
+             }
+             KsStreamPointerUnlock(edge, FALSE);
+             return STATUS_PENDING;
+         });
+     }},
     {"clone of an unlocked edge", "KsStreamPointerClone: KsStreamPointerClone",
      [] {
          return In<&Hooks::process>([](PKSPIN pin) {

@@ -43,11 +43,12 @@ void Deliver(PinContext &context) {
     }
     PKSSTREAM_POINTER frame = nullptr;
     NTSTATUS status = KsStreamPointerClone(edge, nullptr, 0, &frame);
-    if (NT_SUCCESS(status))
-        KsStreamPointerAdvance(edge);
-    KsStreamPointerUnlock(edge, FALSE);
-    if (!NT_SUCCESS(status))
+    if (!NT_SUCCESS(status)) {
+        KsStreamPointerUnlock(edge, FALSE);
         return;
+    }
+    if (NT_SUCCESS(KsStreamPointerAdvance(edge))) // otherwise the lock is lost
+        KsStreamPointerUnlock(edge, FALSE);
     std::memset(frame->OffsetOut.Data, static_cast<int>(context.pictures), frame->OffsetOut.Count);
     KSSTREAM_HEADER &header = *frame->StreamHeader;
     header.DataUsed = frame->OffsetOut.Count;
