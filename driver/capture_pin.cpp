@@ -42,7 +42,9 @@ NTSTATUS EditFraming(KSPIN *pin, ULONG imageSize) {
 
 CapturePin::CapturePin(KSPIN *ksPin)
     : pin(ksPin), device(UvcDevice::From(KsPinGetDevice(ksPin))), runState(RunState::Idle), clock(nullptr),
-      format(nullptr), attemptProcessing(FALSE), acquired(FALSE), droppedFrames(0), frames(0) {}
+      format(nullptr), attemptProcessing(FALSE), acquired(FALSE), droppedFrames(0), frames(0) {
+    KeInitializeSpinLock(&countersLock);
+}
 
 NTSTATUS CreateCapturePin(PKSPIN pin, PIRP) {
     void *block = PoolAllocateZeroed(NonPagedPool, sizeof(CapturePin), pool_tag::Context);
@@ -97,8 +99,10 @@ NTSTATUS CapturePin::Claim() {
         acquired = FALSE;
         return STATUS_SHARING_VIOLATION;
     }
-    SharedStore(droppedFrames, 0ull);
-    SharedStore(frames, 0ull);
+    {
+        SpinLockGuard guard(countersLock);
+        droppedFrames = frames = 0;
+    }
     {
         SpinLockGuard guard(device->pinLock);
         device->pin = this;
@@ -178,13 +182,10 @@ KSSTREAM_POINTER *CapturePin::AcquireFrame() {
 }
 
 void CapturePin::CompleteFrame(KSSTREAM_POINTER *frame, NTSTATUS status) {
-    // First of all, so that a dropped interval advances the picture number too.
-    SharedAdd(frames, 1ull);
-    if (frame == nullptr) {
-        SharedAdd(droppedFrames, 1ull);
-    } else {
+    const Counters counters = Count(frame == nullptr); // a dropped interval advances the picture number too
+    if (frame != nullptr) {
         if (NT_SUCCESS(status))
-            Stamp(frame);
+            Stamp(frame, counters);
         else
             static_cast<void>(KsStreamPointerSetStatusCode(frame, status));
         KsStreamPointerDelete(frame);
@@ -195,14 +196,20 @@ void CapturePin::CompleteFrame(KSSTREAM_POINTER *frame, NTSTATUS status) {
     }
 }
 
+CapturePin::Counters CapturePin::Count(bool dropped) {
+    SpinLockGuard guard(countersLock);
+    droppedFrames += dropped ? 1 : 0;
+    return {.frames = ++frames, .dropped = droppedFrames};
+}
+
 // The time is that of completion, not of exposure or of the USB transfer.
-void CapturePin::Stamp(KSSTREAM_POINTER *frame) {
+void CapturePin::Stamp(KSSTREAM_POINTER *frame, const Counters &counters) {
     KSSTREAM_HEADER *header = frame->StreamHeader;
     if (header->Size >= sizeof(KSSTREAM_HEADER) + sizeof(KS_FRAME_INFO)) {
         auto *info = reinterpret_cast<KS_FRAME_INFO *>(header + 1);
         info->dwFrameFlags = 0;
-        info->PictureNumber = static_cast<LONGLONG>(frames);
-        info->DropCount = static_cast<LONGLONG>(droppedFrames);
+        info->PictureNumber = static_cast<LONGLONG>(counters.frames);
+        info->DropCount = static_cast<LONGLONG>(counters.dropped);
     }
     header->DataUsed = frame->OffsetOut.Count;
     header->Duration = ReadPublished(format)->AvgTimePerFrame;
@@ -276,8 +283,11 @@ NTSTATUS CapturePin::HandlePinProperty(PropertyRequest &request, NTSTATUS defaul
     auto *answer = IsGet(request) ? StartAnswer<KSPROPERTY_DROPPEDFRAMES_CURRENT_S>(request) : nullptr;
     if (answer == nullptr)
         return defaultStatus;
-    answer->PictureNumber = static_cast<LONGLONG>(SharedLoad(frames));
-    answer->DropCount = static_cast<LONGLONG>(SharedLoad(droppedFrames));
+    {
+        SpinLockGuard guard(countersLock);
+        answer->PictureNumber = static_cast<LONGLONG>(frames);
+        answer->DropCount = static_cast<LONGLONG>(droppedFrames);
+    }
     const KS_VIDEOINFOHEADER *current = ReadPublished(format);
     answer->AverageFrameSize = acquired && current != nullptr ? current->bmiHeader.biSizeImage : 0;
     return STATUS_SUCCESS;

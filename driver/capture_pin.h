@@ -28,7 +28,7 @@ class CapturePin {
     static CapturePin *From(KSPIN *pin) { return static_cast<CapturePin *>(pin->Context); }
 
     // Ends one frame interval: stamps and completes the frame, or counts the interval as dropped when there is none.
-    // IRQL: <= DISPATCH_LEVEL. One caller at a time.
+    // IRQL: <= DISPATCH_LEVEL.
     virtual void CompleteFrame(KSSTREAM_POINTER *frame, NTSTATUS status);
 
     // A clone of the next queued frame that has a buffer, or null. It stays outstanding until CompleteFrame.
@@ -56,6 +56,7 @@ class CapturePin {
     UCHAR acquired;          // this pin holds the camera
     ULONGLONG droppedFrames;
     ULONGLONG frames;
+    KSPIN_LOCK countersLock; // over the two, which belong together: the worker and the completion path end frames
 
   private:
     using Transition = NTSTATUS (CapturePin::*)();
@@ -68,7 +69,12 @@ class CapturePin {
     NTSTATUS Stop();
     NTSTATUS Stay();
 
-    void Stamp(KSSTREAM_POINTER *frame);
+    struct Counters {
+        ULONGLONG frames;
+        ULONGLONG dropped;
+    };
+    Counters Count(bool dropped);
+    void Stamp(KSSTREAM_POINTER *frame, const Counters &counters);
     void TurnStreamOver(LONG height);
 };
 

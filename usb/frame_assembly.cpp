@@ -23,16 +23,54 @@ bool IsFull(const FrameRecord &record) {
     return *record.bytesUsed >= record.size;
 }
 
+using Interval = FrameInterval::State;
+
+// Tells the capture side that the interval in progress brings it nothing, unless it has heard of that already.
+void LoseInterval(UvcCamera &camera) {
+    FrameInterval &interval = camera.stream.interval;
+    FrameRecord none;
+    if (interval.state == Interval::Open)
+        camera.DropFrame(none, false);
+    else if (interval.state == Interval::Starved)
+        camera.sink->CompleteFrame(nullptr, STATUS_SUCCESS); // counted when the frame was asked for
+    interval.state = Interval::Settled;
+}
+
+void EndInterval(UvcCamera &camera) {
+    if (camera.stream.interval.state != Interval::None)
+        LoseInterval(camera);
+    camera.stream.interval = {};
+}
+
+// Queues an image to the worker, which tells the capture side when it does not take it.
+NTSTATUS QueueImage(UvcCamera &camera, void *source, const UCHAR *data, ULONG length) {
+    NTSTATUS status = WorkerQueue(camera, source, data, length);
+    camera.stream.interval.state = Interval::Settled;
+    return status;
+}
+
 // Queues a collected image to the worker. STATUS_CANCELLED for an image that is short or that the worker has no room
 // for, STATUS_INSUFFICIENT_RESOURCES for other failures; the buffer is then back in the pool.
 NTSTATUS QueueCollected(UvcCamera &camera, PoolBuffer &buffer, bool discard) {
     NTSTATUS status = STATUS_CANCELLED;
     if (!discard || buffer.fill >= FrameSize(camera))
-        status = WorkerQueue(camera, &buffer, buffer.data, buffer.fill);
+        status = QueueImage(camera, &buffer, buffer.data, buffer.fill);
+    else
+        LoseInterval(camera);
     if (NT_SUCCESS(status))
         return status;
     FramePoolPut(camera.stream.pool, &buffer);
     return status == STATUS_CANCELLED ? status : STATUS_INSUFFICIENT_RESOURCES;
+}
+
+// Ends the current output frame; one that is dropped keeps its buffer, which is filled anew.
+void EndOutputFrame(UvcCamera &camera, bool deliver) {
+    StreamState &stream = camera.stream;
+    if (deliver)
+        camera.CompleteFrame(stream.currentFrame);
+    else
+        camera.DropFrame(stream.currentFrame, false);
+    stream.interval.state = Interval::Settled;
 }
 
 // The three ways of assembly. `end` comes in as the payload's end of frame and goes out as whether the frame has ended:
@@ -42,8 +80,11 @@ NTSTATUS AssembleDirect(UvcCamera &camera, const Payload &payload, bool &end) {
     FrameRecord &record = camera.stream.currentFrame;
     if (record.frame == nullptr)
         camera.GetOutputFrame(record);
-    if (record.frame == nullptr)
+    if (record.frame == nullptr) {
+        if (camera.stream.interval.state == Interval::Open)
+            camera.stream.interval.state = Interval::Starved;
         return STATUS_SUCCESS;
+    }
     const ULONG room = record.size - *record.bytesUsed;
     const ULONG taken = static_cast<ULONG>(std::min<SIZE_T>(room, payload.data.size()));
     RtlCopyMemory(record.data + *record.bytesUsed, payload.data.data(), taken);
@@ -53,10 +94,7 @@ NTSTATUS AssembleDirect(UvcCamera &camera, const Payload &payload, bool &end) {
     if (!full && !end)
         return STATUS_SUCCESS;
     // A full frame without an end is dropped whatever the setting: its end has not been seen.
-    if (full ? end : !DiscardsIncomplete(camera))
-        camera.CompleteFrame(record);
-    else
-        camera.DropFrame(record, false);
+    EndOutputFrame(camera, full ? end : !DiscardsIncomplete(camera));
     end = true;
     return STATUS_SUCCESS;
 }
@@ -71,8 +109,8 @@ NTSTATUS AssembleCollected(UvcCamera &camera, const Payload &payload, bool &end)
     const NTSTATUS status =
         FramePoolAppend(stream.pool, payload.data.data(), static_cast<ULONG>(payload.data.size()), force, buffer);
     if (buffer == nullptr) {
-        if (end && FramePoolRewind(stream.pool) != 0)
-            SharedAdd(stream.dropped, 1u);
+        if (end)
+            FramePoolRewind(stream.pool);
         return status == STATUS_MORE_PROCESSING_REQUIRED ? STATUS_SUCCESS : status;
     }
     end = true;
@@ -85,9 +123,11 @@ NTSTATUS AssembleCollected(UvcCamera &camera, const Payload &payload, bool &end)
 NTSTATUS AssembleWholeTransfer(UvcCamera &camera, BulkTransfer &transfer, const Payload &payload, bool &end) {
     end = true;
     const auto length = static_cast<ULONG>(payload.data.size());
-    if (DiscardsIncomplete(camera) && length < FrameSize(camera))
+    if (DiscardsIncomplete(camera) && length < FrameSize(camera)) {
+        LoseInterval(camera); // now: the payload that follows may be long in coming
         return STATUS_CANCELLED;
-    NTSTATUS status = WorkerQueue(camera, &transfer, payload.data.data(), length);
+    }
+    NTSTATUS status = QueueImage(camera, &transfer, payload.data.data(), length);
     return NT_SUCCESS(status) ? STATUS_MORE_PROCESSING_REQUIRED : status;
 }
 
@@ -98,25 +138,15 @@ bool EndFrameByFid(UvcCamera &camera) {
         FramePoolRewind(stream.pool);
         return true;
     }
-    FrameRecord &record = stream.currentFrame;
+    const FrameRecord &record = stream.currentFrame;
     if (record.frame == nullptr || *record.bytesUsed == 0)
         return false;
-    if (IsFull(record) || !DiscardsIncomplete(camera))
-        camera.CompleteFrame(record);
-    else
-        camera.DropFrame(record, false);
+    EndOutputFrame(camera, IsFull(record) || !DiscardsIncomplete(camera));
     return true;
 }
 
-NTSTATUS ProcessPayload(UvcCamera &camera, BulkTransfer &transfer, const Payload &payload) {
+NTSTATUS Assemble(UvcCamera &camera, BulkTransfer &transfer, const Payload &payload) {
     StreamState &stream = camera.stream;
-    if (stream.lastFid == kFidUnknown)
-        SharedStore(stream.lastFid, payload.fid);
-    if (payload.fid != stream.lastFid) {
-        if (!EndFrameByFid(camera))
-            return STATUS_SUCCESS; // the last FID stays: the frame that it announced may still come
-        SharedStore(stream.lastFid, payload.fid);
-    }
     bool end = payload.endOfFrame;
     const NTSTATUS status = !stream.workerMode  ? AssembleDirect(camera, payload, end)
                             : stream.collecting ? AssembleCollected(camera, payload, end)
@@ -126,17 +156,45 @@ NTSTATUS ProcessPayload(UvcCamera &camera, BulkTransfer &transfer, const Payload
     return status;
 }
 
+// The last FID says which frame is to be assembled, the interval which one the camera is sending: a frame that is not
+// assembled has an interval all the same, and is lost. Payloads without data belong to no frame until one has begun.
+NTSTATUS ProcessPayload(UvcCamera &camera, BulkTransfer &transfer, const Payload &payload) {
+    StreamState &stream = camera.stream;
+    if (stream.lastFid == kFidUnknown)
+        SharedStore(stream.lastFid, payload.fid);
+    const bool wanted = payload.fid == stream.lastFid || EndFrameByFid(camera);
+    if (payload.fid != stream.interval.fid)
+        EndInterval(camera);
+    if (stream.interval.state == Interval::None && !payload.data.empty())
+        stream.interval = {.state = Interval::Open, .fid = payload.fid};
+
+    NTSTATUS status = STATUS_SUCCESS;
+    if (wanted) {
+        SharedStore(stream.lastFid, payload.fid);
+        status = Assemble(camera, transfer, payload);
+    } // otherwise the last FID stays: the frame that it announced may still come
+    if (payload.endOfFrame)
+        EndInterval(camera);
+    return status;
+}
+
 // One payload spans several transfers: a header begins it, and the first piece without a header ends the frame. The FID
-// is not followed.
+// is not followed. Image data that look like a header spoil the frame, but begin no further one: behind a transfer
+// that is filled to the last byte comes the rest of its payload.
 void ProcessPiece(UvcCamera &camera, std::span<const std::uint8_t> bytes) {
     FramePool &pool = camera.stream.pool;
+    FrameInterval &interval = camera.stream.interval;
     const Payload payload = ParsePayload(bytes);
     if (payload.valid) {
         FramePoolRewind(pool);
         bytes = payload.data;
+        if (!interval.goesOn)
+            EndInterval(camera);
     } else if (!FramePoolIsFilling(pool)) {
         return;
     }
+    if (interval.state == Interval::None && !bytes.empty())
+        interval.state = Interval::Open;
     PoolBuffer *buffer = nullptr;
     static_cast<void>(FramePoolAppend(pool, bytes.data(), static_cast<ULONG>(bytes.size()), !payload.valid, buffer));
     if (buffer != nullptr)
@@ -157,6 +215,7 @@ NTSTATUS OnBulkPayload(BulkStreamEngine &, BulkTransfer &transfer, UvcCamera &ca
         return STATUS_CANCELLED;
     if (stream.largePayloads) {
         ProcessPiece(camera, {buffer, length});
+        stream.interval.goesOn = length == transfer.size;
         return STATUS_SUCCESS;
     }
     const Payload payload = ParsePayload({buffer, length});

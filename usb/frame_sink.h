@@ -8,7 +8,8 @@ namespace uvc {
 // IRQL: <= DISPATCH_LEVEL. Called only while a pin holds the camera.
 class FrameSink {
   public:
-    // Ends one frame interval, with the buffer that was filled or with none. The sink takes the frame over.
+    // Ends one frame interval, with the buffer that was filled or with none. The sink takes the frame over. The worker
+    // ends a frame while the completion path tells of another that is lost, so calls may overlap.
     virtual void CompleteFrame(KSSTREAM_POINTER *frame, NTSTATUS status) = 0;
     // The next empty buffer of the application, or null. The caller gives it back through CompleteFrame.
     virtual KSSTREAM_POINTER *AcquireFrame() = 0;

@@ -13,9 +13,20 @@ constexpr ULONG kNt60 = 0x06000000;
 // What one transfer may carry where the bus driver does not tell the pipe's limit.
 constexpr ULONG kTransferLimitBeforeNt60 = 0x310000;
 
-void ForgetFid(StreamState &stream) {
+// What has been cut off is not continued by the frame that comes after it.
+void ForgetPartialFrame(StreamState &stream) {
     SpinLockGuard guard(stream.frameLock);
     SharedStore(stream.lastFid, kFidUnknown);
+    stream.interval = {};
+    FramePoolRewind(stream.pool);
+    if (stream.currentFrame.frame != nullptr)
+        *stream.currentFrame.bytesUsed = 0;
+}
+
+// Gives the application's frame back that was being filled: nobody could cancel it.
+void ReleaseCurrentFrame(UvcCamera &camera) {
+    SpinLockGuard guard(camera.stream.frameLock);
+    camera.DropFrame(camera.stream.currentFrame, true);
 }
 
 // A payload larger than a transfer can be comes in several transfers, of which only the first has a header.
@@ -59,7 +70,7 @@ NTSTATUS StartEngine(UvcCamera &camera) {
 void StopEngine(StreamState &stream) {
     InterlockedExchange(&stream.stopping, 1);
     static_cast<void>(BulkEngineStop(*stream.engine));
-    ForgetFid(stream);
+    ForgetPartialFrame(stream);
 }
 
 NTSTATUS Launch(UvcCamera &camera) {
@@ -67,7 +78,7 @@ NTSTATUS Launch(UvcCamera &camera) {
     SharedStore(stream.dropped, 0u);
     SharedStore(stream.delivered, 0u);
     SharedStore(stream.noBuffer, 0u);
-    ForgetFid(stream);
+    ForgetPartialFrame(stream);
     NTSTATUS status = STATUS_SUCCESS;
     if (stream.collecting)
         status = FramePoolCreate(stream.pool, stream.sensor.bmiHeader.biSizeImage);
@@ -86,22 +97,11 @@ void TearDown(UvcCamera &camera) {
         StopEngine(stream);
         BulkEngineDestroy(std::exchange(stream.engine, nullptr));
     }
-    {
-        SpinLockGuard guard(stream.frameLock);
-        camera.DropFrame(stream.currentFrame, true);
-    }
+    ReleaseCurrentFrame(camera);
     WorkerDestroy(camera);
     FramePoolDestroy(stream.pool);
     stream.streaming = false;
     camera.ResetStreamState();
-}
-
-// What a pause has cut off is not continued by the frame that comes after it.
-void ForgetPartialFrame(StreamState &stream) {
-    SpinLockGuard guard(stream.frameLock);
-    FramePoolRewind(stream.pool);
-    if (stream.currentFrame.frame != nullptr)
-        *stream.currentFrame.bytesUsed = 0;
 }
 
 } // namespace
@@ -142,7 +142,7 @@ NTSTATUS StreamPause(UvcCamera &camera, bool pause) {
     if (!pause)
         return StartEngine(camera);
     StopEngine(stream);
-    ForgetPartialFrame(stream);
+    ReleaseCurrentFrame(camera);
     return STATUS_SUCCESS;
 }
 

@@ -20,6 +20,20 @@ namespace uvc {
 
 inline constexpr UCHAR kFidUnknown = 255;
 
+// The frame whose payloads are arriving, from its first data to its end-of-frame bit or the next frame identifier,
+// whatever becomes of them: the capture side hears of each exactly once.
+struct FrameInterval {
+    enum class State : UCHAR {
+        None,    // between two frames
+        Open,    // the capture side has not heard of it
+        Starved, // neither, for want of an output frame
+        Settled  // delivered, dropped or told as lost
+    };
+    State state = State::None;
+    UCHAR fid = kFidUnknown;
+    bool goesOn = false; // large payloads: the next transfer continues this payload
+};
+
 struct StreamState {
     KMUTEX mutex;
     bool streaming = false;
@@ -33,6 +47,7 @@ struct StreamState {
     KSPIN_LOCK frameLock; // guards writes to what follows, up to the counters
     FrameRecord currentFrame;
     UCHAR lastFid = kFidUnknown;
+    FrameInterval interval;
 
     // Written by whoever ends a frame (completion path or worker), read by the overlay.
     ULONG dropped = 0;

@@ -225,15 +225,20 @@ void WorkerDestroy(UvcCamera &camera) {
 
 NTSTATUS WorkerQueue(UvcCamera &camera, void *source, const UCHAR *data, ULONG length) {
     StreamWorker &worker = camera.stream.worker;
-    if (SharedLoad(worker.queued) > kWorkerQueueLimit)
-        return STATUS_CANCELLED;
-    WorkerNode *node = PopHead(worker.freeList, worker.freeLock);
-    if (node == nullptr)
-        return STATUS_INSUFFICIENT_RESOURCES;
     FrameRecord frame;
+    if (SharedLoad(worker.queued) > kWorkerQueueLimit) {
+        camera.DropFrame(frame, false);
+        return STATUS_CANCELLED;
+    }
+    WorkerNode *node = PopHead(worker.freeList, worker.freeLock);
+    if (node == nullptr) {
+        camera.DropFrame(frame, false);
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
     camera.GetOutputFrame(frame);
     if (frame.frame == nullptr) {
         PutFree(worker, *node);
+        camera.sink->CompleteFrame(nullptr, STATUS_SUCCESS); // counted when the frame was asked for
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     node->camera = &camera;

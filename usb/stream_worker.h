@@ -47,7 +47,8 @@ NTSTATUS WorkerCreate(UvcCamera &camera);
 void WorkerDestroy(UvcCamera &camera);
 
 // Queues one image with an output frame. STATUS_CANCELLED when two frames wait or run already,
-// STATUS_INSUFFICIENT_RESOURCES without a node, an output frame, or when stopping: the source then stays the caller's.
+// STATUS_INSUFFICIENT_RESOURCES without a node, an output frame, or when stopping: the source then stays the caller's,
+// and the capture side has been told that the image is lost.
 // IRQL: DISPATCH_LEVEL. Lock: frame lock held.
 NTSTATUS WorkerQueue(UvcCamera &camera, void *source, const UCHAR *data, ULONG length);
 

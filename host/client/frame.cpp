@@ -35,7 +35,9 @@ std::span<const std::uint8_t> Frame::Data() const {
 }
 
 void Frame::Prepare() {
+    const ULONG flags = block_.header.OptionsFlags; // stay as they came back: applications do not tidy up
     block_ = {};
+    block_.header.OptionsFlags = flags;
     block_.header.Size = withInfo_ ? sizeof(Block) : sizeof(KSSTREAM_HEADER);
     block_.header.PresentationTime = {.Time = 0, .Numerator = 1, .Denominator = 1};
     block_.header.FrameExtent = static_cast<ULONG>(size_);

@@ -23,7 +23,7 @@ class CapturePinTest : public testing::Test {
         return block;
     }
 
-    // A stream that was stopped gives back the frame it was filling, cancelled.
+    // A stream that was stopped or paused gives back the frame it was filling, cancelled.
     void ExpectFrames(unsigned count, bool afterStop = false) {
         for (unsigned i = 0; i < count; ++i) {
             host::client::Frame *frame = rig.app.Next();
@@ -65,7 +65,7 @@ TEST_F(CapturePinTest, PauseResumesAndAcquireEndsTheStream) {
     rig.camera->ClearControlLog();
     ASSERT_EQ(rig.app.pin.SetState(KSSTATE_PAUSE), STATUS_SUCCESS);
     ASSERT_EQ(rig.app.pin.SetState(KSSTATE_RUN), STATUS_SUCCESS);
-    ExpectFrames(2);
+    ExpectFrames(2, true);
     for (const auto &record : rig.camera->ControlLog())
         EXPECT_NE(record.setup.requestType & 0x60, 0x20) << "a class request during resume";
     EXPECT_EQ(Dropped(rig.app.pin).DropCount, 0);
@@ -93,9 +93,13 @@ TEST_F(CapturePinTest, ASecondPinIsRefusedWhileTheCameraIsClaimed) {
     EXPECT_EQ(other.pin.SetState(KSSTATE_ACQUIRE), STATUS_SUCCESS);
 }
 
-// Headers without room for a KS_FRAME_INFO get none; without a clock frames carry no valid time.
+// Headers without room for a KS_FRAME_INFO get none; without a clock frames carry no valid time, whatever the header
+// says that the application queues.
 TEST_F(CapturePinTest, ShortHeadersAndNoClock) {
-    ASSERT_EQ(rig.app.Pause(3, false), STATUS_SUCCESS);
+    ASSERT_EQ(rig.app.Pause(0), STATUS_SUCCESS);
+    host::client::Frame queued(rig.app.Info().bmiHeader.biSizeImage, false);
+    queued.Header().OptionsFlags = KSSTREAM_HEADER_OPTIONSF_TIMEVALID;
+    ASSERT_EQ(rig.app.pin.Queue(queued), STATUS_SUCCESS);
     ASSERT_EQ(rig.app.pin.SetState(KSSTATE_RUN), STATUS_SUCCESS);
     host::client::Frame *frame = rig.app.Next();
     ASSERT_TRUE(frame);
@@ -104,20 +108,26 @@ TEST_F(CapturePinTest, ShortHeadersAndNoClock) {
     EXPECT_EQ(frame->Header().OptionsFlags & KSSTREAM_HEADER_OPTIONSF_TIMEVALID, 0u);
     EXPECT_EQ(frame->Header().PresentationTime.Time, 0);
     EXPECT_GT(frame->Header().Duration, 0);
+    rig.app.pin.Close();
 }
 
-// Without queued frames nothing is lost but the images; delivery goes on with the first frame that is queued.
+// Without queued frames every exposure is told as lost; delivery goes on with the first frame that is queued.
 TEST_F(CapturePinTest, SurvivesAnEmptyQueue) {
     ASSERT_EQ(rig.app.Pause(0), STATUS_SUCCESS);
     ASSERT_EQ(rig.app.pin.SetState(KSSTATE_RUN), STATUS_SUCCESS);
     host::client::Frame late(rig.app.Info().bmiHeader.biSizeImage);
     LARGE_INTEGER delay{.QuadPart = -2 * 10'000'000};
     KeDelayExecutionThread(KernelMode, FALSE, &delay);
-    EXPECT_EQ(Dropped(rig.app.pin).PictureNumber, 0); // no interval was ended
+    const auto lost = static_cast<LONGLONG>(rig.camera->Counters().framesStarted);
+    EXPECT_GT(lost, 5);
+    EXPECT_EQ(Dropped(rig.app.pin).PictureNumber, lost);
+    EXPECT_EQ(Dropped(rig.app.pin).DropCount, lost);
     ASSERT_EQ(rig.app.pin.Queue(late), STATUS_SUCCESS);
     host::client::Frame *frame = rig.app.Next();
     ASSERT_EQ(frame, &late);
     EXPECT_EQ(late.Status(), STATUS_SUCCESS);
+    EXPECT_EQ(late.Info().PictureNumber, lost + 1);
+    EXPECT_EQ(late.Info().DropCount, lost);
     rig.app.pin.Close();
 }
 

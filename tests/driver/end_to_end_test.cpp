@@ -1,5 +1,6 @@
 // From the sensor to the application, byte for byte.
 #include "tests/driver/capture_rig.h"
+#include "uvc_drv/properties.h"
 
 #include <algorithm>
 #include <cstring>
@@ -31,11 +32,12 @@ void ExpectSensorFrames(Rig &rig, const KS_DATARANGE_VIDEO &range, unsigned coun
         ASSERT_TRUE(frame) << "no frame after " << i;
         ASSERT_EQ(frame->Status(), STATUS_SUCCESS);
         EXPECT_EQ(frame->Header().DataUsed, frame->Header().FrameExtent);
-        EXPECT_EQ(frame->Info().PictureNumber, i + 1);
-        EXPECT_EQ(frame->Info().DropCount, 0);
         const auto exposure = ExposureOf(frame->Data(), *rig.camera, next);
         ASSERT_TRUE(exposure) << "frame " << i << " is no exposure from " << next << " on";
         next = *exposure + 1;
+        // Exposures that did not come were told as lost; of later ones that the worker refuses the pin hears earlier.
+        EXPECT_EQ(frame->Info().PictureNumber - frame->Info().DropCount, i + 1);
+        EXPECT_GE(frame->Info().PictureNumber, static_cast<LONGLONG>(next));
         rig.app.Return(*frame, *rig.camera);
     }
     rig.app.pin.Close();
@@ -81,6 +83,57 @@ TEST_P(EveryAssembly, IsExactOverManyFrames) {
     const auto range = FindRange(rig.app.Ranges(), FourCc("Y800"), 640);
     ASSERT_TRUE(range);
     ExpectSensorFrames(rig, *range, 60);
+}
+
+// Whatever an exposure is lost for, the pin hears of it once: too few buffers, a worker two frames behind, images that
+// arrive short.
+TEST_P(EveryAssembly, TellsOfEveryFrame) {
+    struct Cause {
+        const char *name;
+        unsigned frames;
+        LONGLONG rounds;                 // in which the application takes what has come
+        std::uint64_t shortTransfer = 0; // from the start on
+    };
+    const Cause causes[] = {
+        {"nothing queued", 0, 3}, {"too little queued", 1, 20}, {"too much asked for", 8, 20}, {"cut short", 8, 4, 5}};
+    for (const Cause &cause : causes) {
+        SCOPED_TRACE(cause.name);
+        host::client::ComputerOptions options;
+        options.plug.maximumTransferSize = GetParam().maximumTransferSize;
+        Rig rig(std::string(GetParam().camera), options);
+        ASSERT_EQ(rig.started, STATUS_SUCCESS);
+        ASSERT_EQ(rig.app.OpenPin(*FindRange(rig.app.Ranges(), FourCc("Y800"), 640)), STATUS_SUCCESS);
+        ASSERT_EQ(rig.app.Pause(cause.frames), STATUS_SUCCESS);
+        ASSERT_EQ(rig.app.pin.SetState(KSSTATE_RUN), STATUS_SUCCESS);
+        host::FaultPlan plan;
+        if (cause.shortTransfer != 0)
+            plan.FailTransfer(cause.shortTransfer, host::TransferFault::Short);
+        rig.computer.Machine().Arm(plan);
+
+        LONGLONG delivered = 0;
+        for (LONGLONG round = 0; round < cause.rounds; ++round) {
+            for (int credits = 0; credits < 5; ++credits)
+                rig.camera->GrantFrame();
+            LARGE_INTEGER delay{.QuadPart = -100 * 10'000};
+            KeDelayExecutionThread(KernelMode, FALSE, &delay); // over when nothing is on its way any more
+            host::client::Frame *frame = nullptr;
+            for (std::size_t queued = rig.app.pin.Queued();
+                 queued != 0 && rig.app.pin.NextFrame(&frame, 0) == STATUS_SUCCESS; --queued) {
+                EXPECT_EQ(frame->Status(), STATUS_SUCCESS);
+                EXPECT_EQ(frame->Info().PictureNumber - frame->Info().DropCount, ++delivered);
+                ASSERT_EQ(rig.app.pin.Queue(*frame), STATUS_SUCCESS);
+            }
+        }
+        KSPROPERTY_DROPPEDFRAMES_CURRENT_S told{};
+        ASSERT_EQ(rig.app.pin.GetBlock(PROPSETID_VIDCAP_DROPPEDFRAMES, KSPROPERTY_DROPPEDFRAMES_CURRENT, BytesOf(told)),
+                  STATUS_SUCCESS);
+        EXPECT_EQ(told.PictureNumber, static_cast<LONGLONG>(rig.camera->Counters().framesStarted));
+        EXPECT_EQ(told.DropCount, told.PictureNumber - delivered);
+        EXPECT_EQ(rig.computer.Machine().Faults().FaultsDealt(), cause.shortTransfer != 0 ? 1u : 0u);
+        EXPECT_EQ(delivered != 0, cause.frames != 0);
+        rig.app.pin.Close();
+        rig.app.frames.clear();
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Capture, EveryAssembly,

@@ -85,7 +85,9 @@ class FrameAssemblyTest : public testing::Test {
         UCHAR ordinal = 0;
         for (const Piece &piece : c.script) {
             EXPECT_EQ(Feed(piece, ++ordinal), piece.status) << "piece " << int{ordinal};
-            while (SharedLoad(camera->stream.worker.queued) != 0) // what the worker refuses is another test's matter
+            // What the worker refuses is another test's matter.
+            while (camera->stream.workerMode &&
+                   (SharedLoad(camera->stream.worker.queued) != 0 || !sink->HasAllFrames()))
                 SleepMs(1);
         }
         EXPECT_EQ(camera->stream.lastFid, c.outcome.lastFid);
@@ -121,6 +123,11 @@ TEST(PayloadHeader, IsOfThreeLengthsAndWhole) {
     }
 }
 
+// Between frames and inside them, with and without an end behind a complete frame.
+std::vector<Piece> HeadersWithoutData() {
+    return {{0, 0, 0}, {0, 0, 2000}, {0, 0, 0}, {0, kEnd, 2096}, {0, 0, 0}, {0, kEnd, 0}, {1, 0, 0}, {1, kEnd, 4096}};
+}
+
 TEST_F(FrameAssemblyTest, Direct) {
     const Case cases[] = {
         {"three payloads", {{0, 0, 1000}, {0, 0, 1000, 6}, {0, kEnd, 2096, 12}}, {"1*1000 2*1000 3*2096"}, {1, 0, 1}},
@@ -141,14 +148,17 @@ TEST_F(FrameAssemblyTest, Direct) {
         {"which are delivered on demand", {{0, 0, 4000}, {1, 0, 40}}, {"1*4000 0*96"}, {1, 0, 1}, false},
         {"an unexpected FID on an empty frame is ignored",
          {{0, kEnd, 4096}, {0, kEnd, 4096}, {0, kEnd, 4096}, {1, kEnd, 4096}},
-         {"1*4096", "4*4096"},
-         {2, 0, 0}},
+         {"1*4096", "lost", "lost", "4*4096"},
+         {2, 2, 0}},
         {"an end without data", {{0, kEnd, 0}}, {"lost"}, {0, 1, 1}},
+        {"headers without data", HeadersWithoutData(), {"2*2000 4*2096", "8*4096"}, {2, 0, 0}},
         {"bad headers", {{0, kEnd, 4096, 1}, {0, kEnd, 4096, 3}, {0, 0, 1, 0}}, {}, {0, 0, kFidUnknown}},
     };
     for (const Case &c : cases)
         Run<UvcCamera>(c);
-    Run<UvcCamera>({"no buffer", {{0, 0, 100}, {0, kEnd, 100}}, {}, {0, 0, 1, 2}}, false, false, 0);
+    Run<UvcCamera>({"no buffer", {{0, 0, 100}, {0, kEnd, 100}}, {"lost"}, {0, 0, 1, 2}}, false, false, 0);
+    Run<UvcCamera>({"no buffer, no ends", {{0, 0, 9}, {0, 0, 9}, {1, 0, 9}, {0, 0, 9}}, {"lost", "lost"}, {0, 1, 0, 3}},
+                   false, false, 0);
 }
 
 TEST_F(FrameAssemblyTest, WholeTransfers) {
@@ -157,7 +167,18 @@ TEST_F(FrameAssemblyTest, WholeTransfers) {
     const Case cases[] = {
         {"an end is not needed", {{0, 0, 4096, 12, kKept}, {1, kEnd, 4096, 2, kKept}}, {"1*4096", "2*4096"}, {2, 0, 0}},
         {"longer is cut by the conversion", {{0, kEnd, 5000, 2, kKept}}, {"1*4096"}, {1, 0, 1}},
-        {"short costs the transfer", {{0, kEnd, 4095, 2, kRetired}, {1, 0, 4096, 2, kKept}}, {"2*4096"}, {1, 0, 0}},
+        {"short costs the transfer",
+         {{0, kEnd, 4095, 2, kRetired}, {1, 0, 4096, 2, kKept}},
+         {"lost", "2*4096"},
+         {1, 1, 0}},
+        {"a frame in two transfers is lost once",
+         {{0, 0, 4000, 2, kRetired}, {0, 0, 96, 2, kRetired}, {1, 0, 4000, 2, kRetired}, {1, kEnd, 96, 2, kRetired}},
+         {"lost", "lost"},
+         {0, 2, 0}},
+        {"headers without data",
+         {{0, 0, 0, 2, kRetired}, {0, 0, 4096, 2, kKept}, {0, kEnd, 0, 2, kRetired}, {1, 0, 4096, 2, kKept}},
+         {"2*4096", "4*4096"},
+         {2, 0, 0}},
         {"a gap of two bytes is none", {{0, 0, 4094, 2, kKept}}, {"1*4096"}, {1, 0, 1}, false},
         {"but for one that the buffer lacks", {{0, 0, 4094, 2, kKept, 1}}, {"1*4032 0*64"}, {1, 0, 1}, false},
         {"a gap of three costs a row", {{0, 0, 4093, 2, kKept}}, {"1*4032 0*64"}, {1, 0, 1}, false},
@@ -167,7 +188,7 @@ TEST_F(FrameAssemblyTest, WholeTransfers) {
     };
     for (const Case &c : cases)
         Run<WorkerCamera>(c);
-    Run<WorkerCamera>({"no buffer", {{0, kEnd, 4096}}, {}, {0, 0, 1, 1}}, false, false, 0);
+    Run<WorkerCamera>({"no buffer", {{0, kEnd, 4096}}, {"lost"}, {0, 0, 1, 1}}, false, false, 0);
 }
 
 TEST_F(FrameAssemblyTest, Collecting) {
@@ -175,9 +196,20 @@ TEST_F(FrameAssemblyTest, Collecting) {
         {"two payloads", {{0, 0, 2048}, {0, kEnd, 2048}}, {"1*2048 2*2048"}, {1, 0, 1}},
         {"full is the end", {{0, 0, 4096}, {1, 0, 4096}}, {"1*4096", "2*4096"}, {2, 0, 0}},
         {"too long is cut", {{0, 0, 4000}, {0, kEnd, 4000}}, {"1*4000 2*96"}, {1, 0, 1}},
-        {"a short end shifts nothing", {{0, kEnd, 1000}, {1, 0, 96}, {1, kEnd, 4000}}, {"2*96 3*4000"}, {1, 1, 0}},
+        {"a short end shifts nothing",
+         {{0, kEnd, 1000}, {1, 0, 96}, {1, kEnd, 4000}},
+         {"lost", "2*96 3*4000"},
+         {1, 1, 0}},
+        {"a full frame that goes on is not lost as well",
+         {{0, 0, 4096}, {0, 0, 100}, {0, kEnd, 10}, {1, kEnd, 4096}},
+         {"1*4096", "4*4096"},
+         {2, 0, 0}},
+        {"headers without data", HeadersWithoutData(), {"2*2000 4*2096", "8*4096"}, {2, 0, 0}},
         {"or is delivered", {{0, kEnd, 4093}, {1, kEnd, 4096}}, {"1*4032 0*64", "2*4096"}, {2, 0, 0}, false},
-        {"a FID change drops what was there", {{0, 0, 1000}, {1, 0, 96}, {1, kEnd, 4000}}, {"2*96 3*4000"}, {1, 0, 0}},
+        {"a FID change drops what was there",
+         {{0, 0, 1000}, {1, 0, 96}, {1, kEnd, 4000}},
+         {"lost", "2*96 3*4000"},
+         {1, 1, 0}},
         {"an end of its own behind a full buffer",
          {{0, 0, 4096}, {0, kEnd, 0}, {1, 0, 96}, {1, kEnd, 4000}},
          {"1*4096", "3*96 4*4000"},
@@ -190,15 +222,25 @@ TEST_F(FrameAssemblyTest, Collecting) {
     };
     for (const Case &c : cases)
         Run<WorkerCamera>(c, true);
-    Run<WorkerCamera>({"no buffer", {{0, 0, 4096}}, {}, {0, 0, 1, 1}}, true, false, 0);
+    Run<WorkerCamera>({"no buffer", {{0, 0, 4096}}, {"lost"}, {0, 0, 1, 1}}, true, false, 0);
 }
 
 TEST_F(FrameAssemblyTest, LargePayloads) {
     const Case cases[] = {
         {"two pieces", {{0, 0, 4000}, {0, 0, 96, 0}}, {"1*4000 102*96"}, {1, 0, kFidUnknown}},
         {"one piece", {{0, 0, 4096}}, {"1*4096"}, {1, 0, kFidUnknown}},
-        {"a header begins anew", {{0, 0, 4000}, {0, 0, 4000}, {0, 0, 99, 0}}, {"2*4000 103*96"}, {1, 0, kFidUnknown}},
-        {"the second piece ends the frame", {{0, 0, 100}, {0, 0, 100, 0}, {0, 0, 3896, 0}}, {}, {0, 0, kFidUnknown}},
+        {"a header begins anew",
+         {{0, 0, 4000}, {0, 0, 4000}, {0, 0, 99, 0}},
+         {"lost", "2*4000 103*96"},
+         {1, 1, kFidUnknown}},
+        {"data like a header spoil one frame, not two",
+         {{0, 0, 4000, 2, STATUS_SUCCESS, 0}, {0, 0, 94}, {0, 0, 4096}},
+         {"lost", "3*4096"},
+         {1, 1, kFidUnknown}},
+        {"the second piece ends the frame",
+         {{0, 0, 100}, {0, 0, 100, 0}, {0, 0, 3896, 0}},
+         {"lost"},
+         {0, 1, kFidUnknown}},
         {"and is delivered on demand",
          {{0, 0, 4000}, {0, 0, 93, 0}},
          {"1*4000 102*32 0*64"},
@@ -208,7 +250,9 @@ TEST_F(FrameAssemblyTest, LargePayloads) {
     };
     for (const Case &c : cases)
         Run<WorkerCamera>(c, true, true);
-    Run<UvcCamera>({"nobody converts", {{0, 0, 4096}, {0, 0, 4096}}, {}, {0, 0, kFidUnknown}}, true, true);
+    Run<UvcCamera>({"nobody converts", {{0, 0, 4096}, {0, 0, 4096}}, {"lost", "lost"}, {0, 2, kFidUnknown}}, true,
+                   true);
+    Run<WorkerCamera>({"no buffer", {{0, 0, 4096}}, {"lost"}, {0, 0, kFidUnknown, 1}}, true, true, 0);
 }
 
 TEST_F(FrameAssemblyTest, TheWorkerHoldsTwoFramesAndRefusesAThird) {
@@ -223,7 +267,8 @@ TEST_F(FrameAssemblyTest, TheWorkerHoldsTwoFramesAndRefusesAThird) {
         KeSetEvent(&worker.gate, 0, FALSE);
         // A stop delivers what is queued.
         WorkerDestroy(*camera);
-        EXPECT_EQ(sink->Events(), (std::vector<std::string>{"1*4096", "2*4096"}));
+        EXPECT_EQ(sink->Events(), (std::vector<std::string>{"lost", "1*4096", "2*4096"}));
+        EXPECT_EQ(camera->stream.dropped, 1u);
         Finish();
     }
 }

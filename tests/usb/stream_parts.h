@@ -83,10 +83,14 @@ class RecordingSink final : public FrameSink {
         std::lock_guard guard(mutex_);
         return events_;
     }
-    // Returns once that many intervals have ended since the beginning.
+    // Returns once that many intervals have ended since the beginning, or fails after ten seconds without news.
     void AwaitEvents(std::size_t count) {
+        LARGE_INTEGER patience{.QuadPart = -10 * 10'000'000};
         while (Events().size() < count) {
-            Await(news_);
+            if (KeWaitForSingleObject(&news_, Executive, KernelMode, FALSE, &patience) != STATUS_SUCCESS) {
+                ADD_FAILURE() << Events().size() << " of " << count << " intervals have ended";
+                return;
+            }
             KeClearEvent(&news_);
         }
     }
