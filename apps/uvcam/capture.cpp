@@ -27,8 +27,8 @@ void SwitchOverlayOn(Session &session) {
 // What one run has seen.
 struct Tally {
     unsigned delivered = 0;
-    unsigned failed = 0;     // came back with a failure status
-    LONGLONG incomplete = 0; // frame intervals that the driver dropped
+    unsigned failed = 0; // came back with a failure status
+    LONGLONG lost = 0;   // exposures that brought no frame: none was queued, it came short, the worker was behind
     double seconds = 0;
 };
 
@@ -51,7 +51,7 @@ void PrintSummary(const CaptureOptions &options, const PixelLayout &layout, cons
                                              {"width", layout.width},
                                              {"height", std::abs(layout.height)},
                                              {"delivered", tally.delivered},
-                                             {"dropped", tally.incomplete},
+                                             {"dropped", tally.lost},
                                              {"failed", tally.failed},
                                              {"missedBySensor", camera.framesDropped},
                                              {"fps", rate},
@@ -59,12 +59,12 @@ void PrintSummary(const CaptureOptions &options, const PixelLayout &layout, cons
         std::printf("%s\n", summary.dump(2).c_str());
         return;
     }
-    std::fprintf(stderr,
-                 "%u frames of %s %dx%d delivered in %.2f s (%.1f fps); dropped: %lld incomplete, %u cancelled, %llu "
-                 "not fetched in time\n",
-                 tally.delivered, layout.fourCc.c_str(), layout.width, std::abs(layout.height), tally.seconds, rate,
-                 static_cast<long long>(tally.incomplete), tally.failed,
-                 static_cast<unsigned long long>(camera.framesDropped));
+    std::fprintf(
+        stderr,
+        "%u frames of %s %dx%d delivered in %.2f s (%.1f fps); dropped: %lld by the driver, %u cancelled, %llu "
+        "not fetched in time\n",
+        tally.delivered, layout.fourCc.c_str(), layout.width, std::abs(layout.height), tally.seconds, rate,
+        static_cast<long long>(tally.lost), tally.failed, static_cast<unsigned long long>(camera.framesDropped));
 }
 
 } // namespace
@@ -92,7 +92,7 @@ void Capture(const CaptureOptions &options) {
         host::client::Frame &frame = stream.Next(tally.delivered);
         if (NT_SUCCESS(frame.Status())) {
             ++tally.delivered;
-            tally.incomplete = frame.Info().DropCount;
+            tally.lost = frame.Info().DropCount;
             output.Write(stream.Layout(), frame.Data(), tally.delivered);
             if (options.json)
                 frames.push_back(FrameJson(frame));
@@ -101,7 +101,7 @@ void Capture(const CaptureOptions &options) {
         }
         stream.Return(frame);
         tally.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-        progress.Show(tally.delivered, options.frames, tally.seconds, tally.incomplete);
+        progress.Show(tally.delivered, options.frames, tally.seconds, tally.lost);
     }
     progress.Clear();
     const host::cameras::CameraCounters counters = session.Camera().Counters();
