@@ -1,4 +1,5 @@
 // The pin's states, its claim on the camera, its counters and what it writes into stream headers.
+#include "host/executive/file.h"
 #include "tests/driver/capture_rig.h"
 #include "uvc_drv/properties.h"
 
@@ -138,6 +139,30 @@ TEST_F(CapturePinTest, DroppedFramesAtTheFilterAreThoseOfTheConnectedPin) {
     ASSERT_EQ(rig.app.Run(), STATUS_SUCCESS);
     ExpectFrames(3);
     EXPECT_GE(Dropped(rig.app.filter).PictureNumber, 3);
+}
+
+// A frame that the driver is filling cannot be cancelled; once the pin pauses, nobody waits for it any longer.
+TEST(CapturePin, GivesBackAtAPauseWhatCouldNotBeCancelled) {
+    Rig rig("sim:generic,payload=4096");
+    ASSERT_EQ(rig.app.OpenPin(*FindRange(rig.app.Ranges(), FourCc("YUY2"), 320)), STATUS_SUCCESS);
+    ASSERT_EQ(rig.app.Pause(), STATUS_SUCCESS);
+    host::FaultPlan silence; // in the midst of the first frame
+    silence.FailTransfer(20, host::TransferFault::Hang, true);
+    rig.computer.Machine().Arm(silence);
+    ASSERT_EQ(rig.app.pin.SetState(KSSTATE_RUN), STATUS_SUCCESS);
+    LARGE_INTEGER delay{.QuadPart = -10'000'000};
+    KeDelayExecutionThread(KernelMode, FALSE, &delay);
+    host::CancelFileIo(rig.app.pin.Handle());
+    host::client::Frame *frame = nullptr;
+    EXPECT_EQ(rig.app.pin.NextFrame(&frame, 1000), STATUS_TIMEOUT);
+    const host::Ticks start = rig.computer.Machine().Now();
+    ASSERT_EQ(rig.app.pin.SetState(KSSTATE_PAUSE), STATUS_SUCCESS);
+    for (std::size_t queued = rig.app.pin.Queued(); queued != 0; --queued) {
+        ASSERT_EQ(rig.app.pin.NextFrame(&frame, 0), STATUS_SUCCESS) << queued << " are left";
+        EXPECT_EQ(frame->Status(), STATUS_CANCELLED);
+    }
+    rig.app.pin.Close();
+    EXPECT_EQ(rig.computer.Machine().Now(), start);
 }
 
 } // namespace
