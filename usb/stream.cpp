@@ -11,7 +11,7 @@ namespace {
 
 constexpr ULONG kNt60 = 0x06000000;
 // What one transfer may carry where the bus driver does not tell the pipe's limit.
-constexpr ULONG kTransferLimitBeforeNt60 = 0x310000;
+constexpr ULONG kUntoldTransferLimit = 0x310000;
 
 // What has been cut off is not continued by the frame that comes after it.
 void ForgetPartialFrame(StreamState &stream) {
@@ -29,11 +29,17 @@ void ReleaseCurrentFrame(UvcCamera &camera) {
     camera.DropFrame(camera.stream.currentFrame, true);
 }
 
+// Bus drivers before NT 6.0 do not tell the limit, and newer ones leave the field 0 or as the driver has filled it.
+ULONG TransferLimit(const USBD_PIPE_INFORMATION &pipe) {
+    const bool told = pipe.MaximumTransferSize != 0 && pipe.MaximumTransferSize != USBD_DEFAULT_MAXIMUM_TRANSFER_SIZE;
+    return told && RtlIsNtDdiVersionAvailable(kNt60) ? pipe.MaximumTransferSize : kUntoldTransferLimit;
+}
+
 // A payload larger than a transfer can be comes in several transfers, of which only the first has a header.
 void ChooseTransferSize(UvcCamera &camera, const USBD_PIPE_INFORMATION &pipe) {
     StreamState &stream = camera.stream;
     stream.transferSize = camera.TransferSize();
-    const ULONG limit = RtlIsNtDdiVersionAvailable(kNt60) ? pipe.MaximumTransferSize : kTransferLimitBeforeNt60;
+    const ULONG limit = TransferLimit(pipe);
     stream.largePayloads = stream.transferSize > limit;
     if (stream.largePayloads)
         stream.transferSize = limit;

@@ -9,8 +9,10 @@
 namespace host::usb {
 
 struct PlugOptions {
-    ULONG maximumTransferSize = 0x400000; // of every pipe
-    bool withoutBandwidth = false;        // the bus refuses configurations with USBD_STATUS_NO_BANDWIDTH
+    // What every pipe tells. 0 and USBD_DEFAULT_MAXIMUM_TRANSFER_SIZE, as newer systems have it, tell nothing:
+    // transfers of any length are taken.
+    ULONG maximumTransferSize = 0x400000;
+    bool withoutBandwidth = false; // the bus refuses configurations with USBD_STATUS_NO_BANDWIDTH
 
     // 0: every control request pends, as with a real controller. Else the seed by which some of those sent at
     // PASSIVE_LEVEL complete before the driver's call returns.

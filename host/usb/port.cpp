@@ -127,7 +127,7 @@ USBD_STATUS Port::Refusal(const URB &urb) const {
         return USBD_STATUS_INVALID_PARAMETER;
     if (MovesData(urb) && urb.UrbBulkOrInterruptTransfer.UrbLink != nullptr)
         return USBD_STATUS_INVALID_PARAMETER;
-    if (urb.UrbHeader.Function == URB_FUNCTION_BULK_OR_INTERRUPT_TRANSFER &&
+    if (urb.UrbHeader.Function == URB_FUNCTION_BULK_OR_INTERRUPT_TRANSFER && options_.maximumTransferSize != 0 &&
         urb.UrbBulkOrInterruptTransfer.TransferBufferLength > options_.maximumTransferSize)
         return USBD_STATUS_INVALID_PARAMETER;
     return USBD_STATUS_SUCCESS;

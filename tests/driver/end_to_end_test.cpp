@@ -143,6 +143,8 @@ INSTANTIATE_TEST_SUITE_P(Capture, EveryAssembly,
                                          Mode{"Collecting", "sim:8201,payload=16384", 0x400000},
                                          Mode{"CollectingOddPayloads", "sim:8201,payload=5000", 0x400000},
                                          Mode{"WholeTransfer", "sim:8201,payload=frame", 0x400000},
+                                         Mode{"WholeTransferLimitZero", "sim:8201,payload=frame", 0},
+                                         Mode{"WholeTransferLimitLeft", "sim:8201,payload=frame", 0xFFFFFFFF},
                                          Mode{"LargePayloads", "sim:8201,payload=frame", 0x30000}),
                          [](const auto &info) { return std::string(info.param.name); });
 

@@ -108,6 +108,9 @@ TEST(StreamSizes, DecideHowFramesAreAssembled) {
         {0x310000, 0x400000, 0x05010000, 0x310000, false, false, false},
         {0x310001, 0x400000, 0x05010000, 0x310000, true, true, true},
         {0, 0x400000, 0x06010000, 0, false, false, true},
+        {0x310000, 0, 0x06010000, 0x310000, false, false, false},
+        {0x310001, 0, 0x06010000, 0x310000, true, true, true},
+        {0x310001, USBD_DEFAULT_MAXIMUM_TRANSFER_SIZE, 0x06010000, 0x310000, true, true, true},
     };
     for (const Case &c : cases) {
         for (bool worker : {false, true}) {
