@@ -126,7 +126,8 @@ void AddCapture(CLI::App &app, CaptureOptions &options) {
     capture->add_flag("--overlay", options.overlay, "draw the statistics lines into the frames");
     capture->add_option(
         "--fault", options.faults,
-        "pool:N irp:N mdl:N workitem:N thread:N (N+: and later) usb:N=stall|hang|short|babble|gone|delay");
+        "pool:N irp:N mdl:N workitem:N thread:N (N+: and later) usb:N=stall|hang|short|babble|gone|delay "
+        "abort:N=late|never|early");
     capture->add_option("--settings", options.settings, kSettingsHelp);
     // A bus with a small limit makes the driver assemble payloads out of several transfers.
     capture->add_option("--max-transfer", options.maximumTransfer)->check(CLI::Range(512u, 0x10000000u))->group("");

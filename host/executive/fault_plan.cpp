@@ -9,12 +9,16 @@ namespace {
 constexpr std::pair<std::string_view, FaultSite> kSites[] = {
     {"pool", FaultSite::PoolAllocation}, {"irp", FaultSite::Irp},       {"mdl", FaultSite::Mdl},
     {"workitem", FaultSite::WorkItem},   {"thread", FaultSite::Thread}, {"usb", FaultSite::UsbTransfer},
+    {"abort", FaultSite::UsbAbort},
 };
 
 constexpr std::pair<std::string_view, TransferFault> kTransferFaults[] = {
     {"stall", TransferFault::Stall},   {"hang", TransferFault::Hang}, {"short", TransferFault::Short},
     {"babble", TransferFault::Babble}, {"gone", TransferFault::Gone}, {"delay", TransferFault::Delay},
 };
+
+constexpr std::pair<std::string_view, AbortFault> kAbortFaults[] = {
+    {"late", AbortFault::Late}, {"never", AbortFault::Never}, {"early", AbortFault::Early}};
 
 template <class T, std::size_t N>
 std::optional<T> Lookup(const std::pair<std::string_view, T> (&table)[N], std::string_view name) {
@@ -59,7 +63,7 @@ std::optional<FaultPlan> FaultPlan::Parse(std::string_view text, std::string &re
             return refuse("expected SITE:N");
         const auto site = Lookup(kSites, rule.substr(0, colon));
         if (!site)
-            return refuse("the site is none of pool, irp, mdl, workitem, thread, usb");
+            return refuse("the site is none of pool, irp, mdl, workitem, thread, usb, abort");
         std::string_view rest = rule.substr(colon + 1);
         std::uint64_t nth = 0;
         const auto [end, error] = std::from_chars(rest.data(), rest.data() + rest.size(), nth);
@@ -69,13 +73,21 @@ std::optional<FaultPlan> FaultPlan::Parse(std::string_view text, std::string &re
         const bool andAllLater = rest.starts_with('+');
         if (andAllLater)
             rest.remove_prefix(1);
+        const std::string_view name = rest.starts_with('=') ? rest.substr(1) : std::string_view();
+        if (*site == FaultSite::UsbAbort) {
+            const auto fault = Lookup(kAbortFaults, name);
+            if (!fault)
+                return refuse("expected =late, =never or =early");
+            plan.FailAbort(nth, *fault, andAllLater);
+            continue;
+        }
         if (*site != FaultSite::UsbTransfer) {
             if (!rest.empty())
                 return refuse("unexpected text behind the number");
             plan.FailNth(*site, nth, andAllLater);
             continue;
         }
-        const auto fault = rest.starts_with('=') ? Lookup(kTransferFaults, rest.substr(1)) : std::nullopt;
+        const auto fault = Lookup(kTransferFaults, name);
         if (!fault)
             return refuse("expected =stall, =hang, =short, =babble, =gone or =delay");
         plan.FailTransfer(nth, *fault, andAllLater);
@@ -85,19 +97,25 @@ std::optional<FaultPlan> FaultPlan::Parse(std::string_view text, std::string &re
 
 FaultPlan &FaultPlan::FailNth(FaultSite site, std::uint64_t nth, bool andAllLater) {
     std::lock_guard lock(mutex_);
-    rules_[static_cast<std::size_t>(site)] = {.nth = nth, .andAllLater = andAllLater};
+    RuleOf(site) = {.nth = nth, .andAllLater = andAllLater};
     return *this;
 }
 
 FaultPlan &FaultPlan::FailTransfer(std::uint64_t nth, TransferFault fault, bool andAllLater) {
     std::lock_guard lock(mutex_);
-    rules_[static_cast<std::size_t>(FaultSite::UsbTransfer)] = {.nth = nth, .andAllLater = andAllLater, .fault = fault};
+    RuleOf(FaultSite::UsbTransfer) = {.nth = nth, .andAllLater = andAllLater, .transfer = fault};
+    return *this;
+}
+
+FaultPlan &FaultPlan::FailAbort(std::uint64_t nth, AbortFault fault, bool andAllLater) {
+    std::lock_guard lock(mutex_);
+    RuleOf(FaultSite::UsbAbort) = {.nth = nth, .andAllLater = andAllLater, .abort = fault};
     return *this;
 }
 
 // Mutex held.
 bool FaultPlan::Visit(FaultSite site) {
-    const Rule &rule = rules_[static_cast<std::size_t>(site)];
+    const Rule &rule = RuleOf(site);
     const std::uint64_t visit = ++visits_[static_cast<std::size_t>(site)];
     const bool fails = rule.nth != 0 && (visit == rule.nth || (rule.andAllLater && visit > rule.nth));
     dealt_ += fails;
@@ -113,7 +131,14 @@ std::optional<TransferFault> FaultPlan::NextTransfer() {
     std::lock_guard lock(mutex_);
     if (!Visit(FaultSite::UsbTransfer))
         return std::nullopt;
-    return rules_[static_cast<std::size_t>(FaultSite::UsbTransfer)].fault;
+    return RuleOf(FaultSite::UsbTransfer).transfer;
+}
+
+std::optional<AbortFault> FaultPlan::NextAbort() {
+    std::lock_guard lock(mutex_);
+    if (!Visit(FaultSite::UsbAbort))
+        return std::nullopt;
+    return RuleOf(FaultSite::UsbAbort).abort;
 }
 
 std::uint64_t FaultPlan::Visits(FaultSite site) const {

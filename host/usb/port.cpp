@@ -155,7 +155,8 @@ void Port::MakeCancellable(Request &request) {
 
 // Whether the bus thread may end the request now. If not, its cancel routine is on the way and will ring the bell.
 bool Port::Own(Request &request) {
-    return request.waiter != nullptr || request.cancelled || IoSetCancelRoutine(request.irp, nullptr) != nullptr;
+    return request.waiter != nullptr || request.cancelled || request.owned ||
+           IoSetCancelRoutine(request.irp, nullptr) != nullptr;
 }
 
 void Port::Pend(Request &request) {
@@ -238,7 +239,7 @@ bool Port::Serve(Ticks now, Ticks &next) {
     if (woken_.exchange(false))
         AskPipesAgain();
     bool worked = FinishCancelled();
-    worked |= ServeManagement(now);
+    worked |= ServeManagement(now, next);
     worked |= ServeControl(now, next);
     for (auto &pipe : configuration_.pipes) {
         if (HasDeparted())
@@ -309,7 +310,7 @@ bool Port::FinishAll(RequestQueue &queue, USBD_STATUS status, bool *all) {
             *all = queue.empty();
     }
     for (Request &request : ending)
-        Finish(request, request.cancelled ? USBD_STATUS_CANCELED : status);
+        Finish(request, request.cancelled || request.aborted ? USBD_STATUS_CANCELED : status);
     return !ending.empty();
 }
 
@@ -381,6 +382,10 @@ bool Port::ServePipe(Pipe &pipe, Ticks now, Ticks &next) {
         Disappear(*request);
         return true;
     }
+    if (request->aborted) {
+        Finish(*request, USBD_STATUS_CANCELED);
+        return true;
+    }
     std::size_t length = 0;
     USBD_STATUS status = BulkTransfer(*request, pipe, now, length);
     if (status == USBD_STATUS_PENDING) {
@@ -393,27 +398,26 @@ bool Port::ServePipe(Pipe &pipe, Ticks now, Ticks &next) {
     return true;
 }
 
-bool Port::ServeManagement(Ticks now) {
+bool Port::ServeManagement(Ticks now, Ticks &next) {
     Request request;
     {
+        // An abort that waits holds nobody up.
         SpinLockGuard guard(lock_);
-        if (management_.empty() || management_.front().cancelled || !Own(management_.front()))
+        auto ready = std::ranges::find_if(management_, [&](Request &waiting) {
+            if (waiting.notBefore <= now)
+                return !waiting.cancelled;
+            next = std::min(next, waiting.notBefore);
+            if (waiting.waiter != nullptr)
+                Pend(waiting);
             return false;
-        request = management_.front();
-        management_.pop_front();
+        });
+        if (ready == management_.end() || !Own(*ready))
+            return false;
+        request = *ready;
+        management_.erase(ready);
     }
-    if (request.urb != nullptr) {
-        Pipe *pipe = configuration_.FindPipe(request.urb->UrbPipeRequest.PipeHandle);
-        bool all = true;
-        if (pipe != nullptr)
-            FinishAll(pipe->queue, USBD_STATUS_CANCELED, &all);
-        // An abort ends after everything that it aborted.
-        if (all)
-            Finish(request, pipe != nullptr ? USBD_STATUS_SUCCESS : USBD_STATUS_INVALID_PIPE_HANDLE);
-        else
-            PutBack(management_, request);
-        return all;
-    }
+    if (request.urb != nullptr)
+        return AbortPipe(request, now);
     if (request.controlCode == IOCTL_INTERNAL_USB_RESET_PORT) {
         Finish(request, ResetPort(now));
         return true;
@@ -423,6 +427,49 @@ bool Port::ServeManagement(Ticks now) {
     if (options_.onCyclePort)
         options_.onCyclePort(pdo_);
     return true;
+}
+
+// An abort ends after everything that it aborted, unless the plan says otherwise.
+bool Port::AbortPipe(Request &request, Ticks now) {
+    Pipe *pipe = configuration_.FindPipe(request.urb->UrbPipeRequest.PipeHandle);
+    if (pipe == nullptr) {
+        Finish(request, USBD_STATUS_INVALID_PIPE_HANDLE);
+        return true;
+    }
+    std::optional<AbortFault> fault;
+    if (!std::exchange(request.admitted, true))
+        fault = Runtime::Current().Faults().NextAbort();
+    if (fault == AbortFault::Never)
+        request.notBefore = kNever;
+    else if (fault == AbortFault::Late)
+        request.notBefore = now + kFaultDelay;
+
+    bool all = true;
+    if (fault == AbortFault::Early)
+        Recall(*pipe, now + kFaultDelay);
+    else if (fault != AbortFault::Never && !request.aborted)
+        FinishAll(pipe->queue, USBD_STATUS_CANCELED, &all);
+    request.aborted = fault.has_value(); // what is sent meanwhile is not its concern
+    if (all && request.notBefore <= now) {
+        Finish(request, USBD_STATUS_SUCCESS);
+        return true;
+    }
+    PutBack(management_, request);
+    return all;
+}
+
+// The controller has the pipe's transfers in its hands, where no cancel reaches them, and ends them later.
+void Port::Recall(Pipe &pipe, Ticks when) {
+    SpinLockGuard guard(lock_);
+    for (Request &transfer : pipe.queue)
+        if (!transfer.cancelled && !transfer.aborted && Own(transfer))
+            transfer = {.irp = transfer.irp,
+                        .urb = transfer.urb,
+                        .owned = true,
+                        .admitted = true,
+                        .aborted = true,
+                        .notBefore = when};
+    pipe.askAgain = 0;
 }
 
 bool Port::Drain() {

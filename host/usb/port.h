@@ -78,7 +78,9 @@ class Port {
     void Finish(Request &request, USBD_STATUS status, std::size_t length = 0);
     void ForgetReleased();
     void AskPipesAgain();
-    bool ServeManagement(Ticks now);
+    bool ServeManagement(Ticks now, Ticks &next);
+    bool AbortPipe(Request &request, Ticks now);
+    void Recall(Pipe &pipe, Ticks when);
     bool ServeControl(Ticks now, Ticks &next);
     bool ServePipe(Pipe &pipe, Ticks now, Ticks &next);
     bool Drain();

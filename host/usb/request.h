@@ -22,9 +22,11 @@ struct Request {
     ULONG controlCode = 0;        // of a request to the port
     Rendezvous *waiter = nullptr; // null: the IRP is pending
     bool cancelled = false;       // the cancel routine has been and gone; the bus thread completes it
+    bool owned = false;           // no cancel routine any more: the bus thread has the last word
     bool admitted = false;        // the fault plan has been asked
+    bool aborted = false; // a transfer that ends as cancelled when its time has come; an abort that has done its work
     std::optional<TransferFault> fault;
-    Ticks notBefore = 0; // a delayed transfer; a hung one waits for ever
+    Ticks notBefore = 0; // a delayed request; a hung one waits for ever
 };
 
 using RequestQueue = std::deque<Request>;

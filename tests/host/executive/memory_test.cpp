@@ -78,7 +78,7 @@ TEST_F(Memory, GuardedCallTurnsFaultsAndRaisedStatusesIntoResults) {
 
 TEST(FaultPlans, TextsAreUnderstoodOrRefusedWithAReason) {
     std::string reason;
-    auto plan = FaultPlan::Parse("pool:2,irp:1+,usb:2=short", reason);
+    auto plan = FaultPlan::Parse("pool:2,irp:1+,usb:2=short,abort:2+=never", reason);
     ASSERT_TRUE(plan) << reason;
     for (bool expected : {false, true, false})
         EXPECT_EQ(plan->Fails(FaultSite::PoolAllocation), expected);
@@ -87,10 +87,12 @@ TEST(FaultPlans, TextsAreUnderstoodOrRefusedWithAReason) {
     EXPECT_FALSE(plan->Fails(FaultSite::Thread));
     EXPECT_EQ(plan->NextTransfer(), std::nullopt);
     EXPECT_EQ(plan->NextTransfer(), TransferFault::Short);
-    EXPECT_EQ(plan->FaultsDealt(), 5u);
+    EXPECT_EQ(plan->NextAbort(), std::nullopt);
+    EXPECT_EQ(plan->NextAbort(), AbortFault::Never);
+    EXPECT_EQ(plan->FaultsDealt(), 6u);
     EXPECT_EQ(FaultPlan(*plan).Visits(FaultSite::Irp), 0u);
-    for (const char *bad :
-         {"pool", "pool:", "pool:0", "pool:1x", "disk:1", "usb:1", "usb:1=", "usb:1=fire", "pool:1=stall"}) {
+    for (const char *bad : {"pool", "pool:", "pool:0", "pool:1x", "disk:1", "usb:1", "usb:1=", "usb:1=fire",
+                            "pool:1=stall", "abort:1", "abort:1=stall"}) {
         reason.clear();
         EXPECT_FALSE(FaultPlan::Parse(bad, reason)) << bad;
         EXPECT_FALSE(reason.empty()) << bad;

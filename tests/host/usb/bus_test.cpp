@@ -439,6 +439,50 @@ TEST_F(BusTest, DealsOutTheFaultsOfThePlan) {
     }
 }
 
+TEST_F(BusTest, AnAbortMayComeBackLateNeverOrBeforeItsTransfers) {
+    struct Case {
+        AbortFault fault;
+        Ticks abort, transfers; // when they come back; 10 seconds: when they are cancelled
+    };
+    const Case cases[] = {{AbortFault::Late, 2 * kSecond, 0},
+                          {AbortFault::Never, 10 * kSecond, 10 * kSecond},
+                          {AbortFault::Early, 0, 2 * kSecond}};
+    for (std::uint32_t seed : {0u, 1u, 2u}) {
+        for (const Case &test : cases) {
+            SCOPED_TRACE(static_cast<int>(test.fault));
+            PlugAndConfigure({.synchronousSeed = seed});
+            runtime_.Arm(FaultPlan().FailAbort(1, test.fault));
+            auto first = BulkRead(pdo_, bulk_, 8);
+            auto second = BulkRead(pdo_, bulk_, 8);
+            auto abort = PipeRequest(pdo_, bulk_, URB_FUNCTION_ABORT_PIPE);
+            const Ticks start = Now();
+            for (Sent *sent : {first.get(), second.get(), abort.get()})
+                sent->Send();
+            if (test.fault == AbortFault::Early)
+                first->Cancel(); // too late
+            // Nobody else is held up, and another abort works as ever.
+            if (test.fault == AbortFault::Late) {
+                ASSERT_TRUE(second->Completes());
+                second->Send();
+                ExpectPipeRequest(bulk_, URB_FUNCTION_SYNC_RESET_PIPE_AND_CLEAR_STALL, USBD_STATUS_ERROR_BUSY);
+                EXPECT_FALSE(second->Completes(2 * kSecond)); // sent after the abort, not touched by it
+                ExpectPipeRequest(bulk_, URB_FUNCTION_ABORT_PIPE, USBD_STATUS_SUCCESS);
+            }
+            EXPECT_EQ(abort->Completes(test.abort + 1), test.fault != AbortFault::Never);
+            for (Sent *sent : {first.get(), second.get()}) {
+                if (test.fault == AbortFault::Never)
+                    sent->Cancel();
+                ExpectEnd(*sent, USBD_STATUS_CANCELED, STATUS_CANCELLED);
+            }
+            EXPECT_EQ((Now() - start) / kSecond, std::max(test.abort, test.transfers) / kSecond);
+            if (test.fault == AbortFault::Never) {
+                abort->Cancel();
+                ExpectEnd(*abort, USBD_STATUS_CANCELED, STATUS_CANCELLED);
+            }
+        }
+    }
+}
+
 TEST_F(BusTest, AHungControlTransferHoldsUpTheOnesBehindIt) {
     for (std::uint32_t seed : {0u, 1u, 2u, 3u, 4u}) {
         Plug({.synchronousSeed = seed});
