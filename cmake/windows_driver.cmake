@@ -1,4 +1,4 @@
-# The Windows build: uvc_drv.sys with its PDB and INF in <build>/package, linked against import libraries that hold only
+# The Windows build: uvc_drv.sys with its PDB in <build>/package, linked against import libraries that hold only
 # what platform/windows/*.def allow, and checked after every link.
 foreach(tool IN ITEMS lld-link llvm-dlltool llvm-rc)
   string(TOUPPER UVC_${tool} variable)
@@ -21,7 +21,7 @@ foreach(folder IN ITEMS ${UVC_LIBSTDCXX} ${UVC_LIBSTDCXX}/x86_64-w64-mingw32 ${c
   list(APPEND system_includes "SHELL:-isystem ${folder}")
 endforeach()
 
-list(APPEND CMAKE_CXX_COMPILE_OBJECT "${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/cmake/tie_unwind_tables.py <OBJECT>")
+list(APPEND CMAKE_CXX_COMPILE_OBJECT "\"${Python3_EXECUTABLE}\" \"${PROJECT_SOURCE_DIR}/cmake/tie_unwind_tables.py\" <OBJECT>")
 
 file(GLOB windows_sources CONFIGURE_DEPENDS platform/windows/*.cpp)
 add_library(uvc_drv_objects OBJECT ${UVC_DRIVER_SOURCES} ${windows_sources})
@@ -74,10 +74,7 @@ add_custom_command(OUTPUT ${package}/uvc_drv.sys ${package}/uvc_drv.pdb
   COMMAND ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/package/check_driver.py uvc_drv.sys
   COMMAND ${CMAKE_COMMAND} -E copy uvc_drv.sys uvc_drv.pdb ${package}
   DEPENDS uvc_drv_objects $<TARGET_OBJECTS:uvc_drv_objects> ${version_resource} ${import_libraries} ${check_scripts}
-    ${PROJECT_SOURCE_DIR}/package/uvc_drv.inf
+    ${PROJECT_SOURCE_DIR}/camera/banner.h
   WORKING_DIRECTORY ${unchecked} COMMENT "Linking and checking uvc_drv.sys" COMMAND_EXPAND_LISTS VERBATIM)
-
-# Windows reads the INF; it gets the line ends of Windows.
-configure_file(package/uvc_drv.inf ${package}/uvc_drv.inf @ONLY NEWLINE_STYLE CRLF)
 
 add_custom_target(uvc_drv ALL DEPENDS ${package}/uvc_drv.sys)

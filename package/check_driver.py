@@ -3,7 +3,7 @@
     check_driver.py DRIVER               the checks
     check_driver.py --self-test DRIVER   damages copies of a good driver; every check must notice, and no other may
 
-The PDB is expected beside the driver, the allow lists in platform/windows/, the INF beside this script.
+The PDB is expected beside the driver, the allow lists in platform/windows/, the version in camera/banner.h.
 """
 
 import pathlib
@@ -152,11 +152,12 @@ def check_entry(image, _):
 
 
 def check_version(image, _):
-    driver_version = re.search(r"^DriverVer\s*=.*,\s*([\d.]+)", (HERE / "uvc_drv.inf").read_text(), re.M).group(1)
+    banner = (HERE.parent / "camera" / "banner.h").read_text()
+    driver_version = re.search(r'kDriverVersion = ConstantString\(L"([\d.]+)"\)', banner)[1]
     if image.version() is None:
         yield "there is no version resource"
     elif set(image.version()) != {driver_version}:
-        yield f"the resource says {' and '.join(image.version())}, the INF {driver_version}"
+        yield f"the resource says {' and '.join(image.version())}, camera/banner.h {driver_version}"
 
 
 def check_pdb(image, path):
